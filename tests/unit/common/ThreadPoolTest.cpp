@@ -1,0 +1,162 @@
+#include "ktr/common/ThreadPool.h"
+
+#include "support/LogCapture.h"
+#include "support/WaitUntil.h"
+
+#include <Poco/Exception.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+namespace ktr {
+namespace {
+
+using test::LogCapture;
+using test::waitUntil;
+
+std::shared_ptr<ThreadPool> makePool(int maxCapacity) {
+    return std::make_shared<ThreadPool>("test", 1, maxCapacity, 60, 0);
+}
+
+TEST(ThreadPool, RunsATaskOnceOnAnotherThread) {
+    const auto pool = makePool(2);
+    std::atomic<int> runs{0};
+    std::promise<std::thread::id> ran;
+    pool->start([&] {
+        ++runs;
+        ran.set_value(std::this_thread::get_id());
+    });
+    EXPECT_NE(ran.get_future().get(), std::this_thread::get_id());
+    pool->joinAll();
+    EXPECT_EQ(runs, 1);
+}
+
+TEST(ThreadPool, TellsTheTruthAboutFreeThreads) {
+    const auto pool = makePool(2);
+    EXPECT_EQ(pool->available(), 2);
+    std::promise<void> release;
+    const std::shared_future<void> released(release.get_future());
+    pool->start([released] { released.wait(); });
+    EXPECT_EQ(pool->available(), 1);
+    pool->start([released] { released.wait(); });
+    EXPECT_EQ(pool->available(), 0);
+    EXPECT_THROW(pool->start([] {}), Poco::NoThreadAvailableException);
+    release.set_value();
+    EXPECT_TRUE(waitUntil([&] { return pool->available() == 2; }));
+}
+
+TEST(ThreadPool, LogsWhatATaskThrowsWithItsName) {
+    const LogCapture log;
+    const auto pool = makePool(4);
+    pool->start([] { throw std::runtime_error("first"); }, "task-one");
+    pool->start([] { throw Poco::NotFoundException("second"); }, "task-two");
+    pool->start([] { throw 3; }, "task-three"); // NOLINT(hicpp-exception-baseclass)
+    pool->joinAll();
+    EXPECT_EQ(log.count("task 'task-one' failed: first"), 1);
+    EXPECT_EQ(log.count("task 'task-two' failed: Not found: second"), 1);
+    EXPECT_EQ(log.count("task 'task-three' failed: exception of unknown type"), 1);
+    EXPECT_EQ(log.texts(Poco::Message::PRIO_ERROR).size(), 3U);
+}
+
+TEST(ThreadPool, RunsAnAcceptedTaskWhenItEndsRightAfter) {
+    for (int i = 0; i < 200; ++i) {
+        std::atomic<bool> ran{false};
+        makePool(1)->start([&] { ran = true; });
+        ASSERT_TRUE(ran);
+    }
+}
+
+// A pool that waited for its tasks while holding its own lock would hang here.
+TEST(ThreadPool, EndsWhileATaskAsksItForFreeThreads) {
+    for (int i = 0; i < 50; ++i) {
+        auto pool = makePool(2);
+        ThreadPool& raw = *pool;
+        std::promise<void> started;
+        raw.start([&] {
+            started.set_value();
+            for (int n = 0; n < 1000; ++n)
+                static_cast<void>(raw.available());
+        });
+        started.get_future().wait();
+        pool.reset();
+    }
+}
+
+TEST(ThreadPool, WaitsForAllTasksWhileTheyUseIt) {
+    const auto pool = makePool(2);
+    std::atomic<int> ended{0};
+    for (int i = 0; i < 2; ++i)
+        pool->start([&] {
+            for (int n = 0; n < 1000; ++n)
+                static_cast<void>(pool->available());
+            ++ended;
+        });
+    pool->joinAll();
+    EXPECT_EQ(ended, 2);
+}
+
+TEST(ThreadPool, RefusesTasksOnceClosed) {
+    const auto pool = makePool(1);
+    pool->close();
+    EXPECT_THROW(pool->start([] {}), Poco::IllegalStateException);
+}
+
+TEST(ThreadPool, DropsTheTaskItRefuses) {
+    const auto pool = makePool(1);
+    pool->close();
+    const auto held = std::make_shared<int>(1);
+    EXPECT_THROW(pool->start([held] {}), Poco::IllegalStateException);
+    EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(ThreadPool, ReleasesWhatATaskHoldsBeforeItCountsAsEnded) {
+    const auto pool = makePool(1);
+    const auto held = std::make_shared<int>(1);
+    pool->start([held] {});
+    pool->joinAll();
+    EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(DefaultPool, HoldsTwoThreadsForEachOfAHundredServices) {
+    std::promise<void> release;
+    const std::shared_future<void> released(release.get_future());
+    std::atomic<int> running{0};
+    for (int i = 0; i < 210; ++i)
+        ThreadPool::defaultPool().start([&running, released] {
+            ++running;
+            released.wait();
+        });
+    EXPECT_TRUE(waitUntil([&] { return running == 210; }));
+    EXPECT_GT(ThreadPool::defaultPool().available(), 0);
+    release.set_value();
+    ThreadPool::defaultPool().joinAll();
+}
+
+TEST(DefaultPool, GivesIdleThreadsBack) {
+    std::promise<void> release;
+    const std::shared_future<void> released(release.get_future());
+    for (int i = 0; i < 20; ++i)
+        ThreadPool::defaultPool().start([released] { released.wait(); });
+    EXPECT_GE(ThreadPool::defaultPool().allocated(), 20);
+    ThreadPool& pool = ThreadPool::defaultPool();
+    release.set_value();
+    EXPECT_TRUE(waitUntil([&] { return pool.allocated() <= 2; }, std::chrono::seconds(40)));
+}
+
+TEST(DefaultPoolDeathTest, RunsWhatItAcceptedAtTheEndOfTheProcess) {
+    EXPECT_EXIT(
+        {
+            ThreadPool::defaultPool().start([] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                std::fputs("accepted task ran\n", stderr);
+            });
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "accepted task ran");
+}
+
+} // namespace
+} // namespace ktr
