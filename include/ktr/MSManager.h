@@ -107,17 +107,21 @@ public:
     Poco::SharedPtr<MSProperty> getMSProperty(std::string guid);
 
     /// Handles one report: the parameters "ip", "port" (0 to 65535), "type" (a 32-bit number) and
-    /// "guid" are all required. Answers {"code":0,"msg":"success"} or code -1 with the reason, always
-    /// with status 200, and has an MSNotification posted from the default pool. Lets out what the
-    /// pool or the response throw; the router answers 500 then.
+    /// "guid" are all required. Answers {"code":0,"msg":"success"} or code -1 with the reason,
+    /// always with status 200, and has an MSNotification posted from the default pool. Lets out
+    /// what the pool or the response throw; the router answers 500 then.
     void reportProcess(Poco::Net::HTTPServerRequest& request,
                        Poco::Net::HTTPServerResponse& response,
                        const std::unordered_map<std::string, std::string>& params);
 
 private:
+    friend MSProperty copyMSProperty(const MSProperty& record);
+    using ExitCodes = std::unordered_map<const ProcessProperty*, int>;
+
     void launchAll();
     void launchOne(const std::string& path, const std::string& directory);
     void processCheckThread();
+    void restartIfExited(ProcessProperty& process, ExitCodes& failedRelaunches) const;
     void updateProperty(const std::string& guid, const std::string& ip, unsigned short port);
 
     std::string reportRoute = "/index/api/all/report";

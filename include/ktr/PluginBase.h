@@ -18,10 +18,10 @@
 ///     extern "C" const char* PluginName();   // never null
 ///     extern "C" const char* PluginGuid();   // never null; the guid that the service reports
 ///
-/// They are called once, on the thread that runs PluginLoadAll, in the order PluginType, PluginName,
-/// PluginGuid, PluginLoad. The returned texts are copied at once and stay the plugin's. Exceptions
-/// derived from std::exception are logged and cost this plugin only; others end the host. The
-/// library stays mapped until the process ends.
+/// They are called once, on the thread that runs PluginLoadAll, in the order PluginType,
+/// PluginName, PluginGuid, PluginLoad. The returned texts are copied at once and stay the plugin's.
+/// Exceptions derived from std::exception are logged and cost this plugin only; others end the
+/// host. The library stays mapped until the process ends.
 ///
 /// The life of a plugin's object:
 ///   1. the microservice that belongs to the plugin reports its address to the host;
@@ -36,7 +36,8 @@ class WebApiBasic;
 class MqttClient;
 
 /// The object that does a plugin's work. The host holds it by std::shared_ptr and reaches it
-/// through the virtual table, so the order of the virtual functions is part of the binary interface.
+/// through the virtual table, so the order of the virtual functions is part of the binary
+/// interface.
 ///
 /// Thread safety: the host calls setEventCallback, stop and onMessage one at a time, under the lock
 /// of its registry. start() runs without a lock, so onMessage() and stop() may run beside it; two
@@ -66,8 +67,9 @@ public:
     /// null with ketra-host); `ip` and `port` (1025 to 65535) are the address that the microservice
     /// reported. The base version keeps all four. A plugin that overrides it calls it first. An
     /// exception is logged by the pool and the plugin does not count as started.
-    virtual void start(std::shared_ptr<WebApiBasic> webApi_, std::shared_ptr<MqttClient> mqttClient_,
-                       std::string ip_, unsigned short port_) {
+    virtual void start(std::shared_ptr<WebApiBasic> webApi_,
+                       std::shared_ptr<MqttClient> mqttClient_, std::string ip_,
+                       unsigned short port_) {
         ip = std::move(ip_);
         port = port_;
         webApi = std::move(webApi_);

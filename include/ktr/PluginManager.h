@@ -21,10 +21,11 @@ class WebApiBasic;
 class MqttClient;
 
 /// Loads every plugin library below the child directory "plugins" of the current directory, files
-/// it under its guid, and calls its PluginLoad. A library that cannot be loaded is logged and passed
-/// over. A later library of the same guid replaces the earlier record. Calls into plugins without
-/// holding a lock. Not to be called while another thread runs it or PluginUnLoadAll. Lets out what
-/// reading the current directory throws, and what a plugin throws that is no std::exception.
+/// it under its guid, and calls its PluginLoad. A library that cannot be loaded is logged and
+/// passed over. A later library of the same guid replaces the earlier record. Calls into plugins
+/// without holding a lock. Not to be called while another thread runs it or PluginUnLoadAll. Lets
+/// out what reading the current directory throws, and what a plugin throws that is no
+/// std::exception.
 KTR_API void PluginLoadAll();
 
 /// Stops and drops every plugin object, empties the registry, and, if _loop_thread_get_cpu_temp is

@@ -17,8 +17,7 @@ Poco::Logger* makeLogger() {
     const Poco::AutoPtr<Poco::ConsoleChannel> console(new Poco::ConsoleChannel(std::cerr));
     const Poco::AutoPtr<Poco::FormattingChannel> channel(
         new Poco::FormattingChannel(formatter, console));
-    Poco::Logger& logger =
-        Poco::Logger::create("ketra", channel, Poco::Message::PRIO_INFORMATION);
+    Poco::Logger& logger = Poco::Logger::create("ketra", channel, Poco::Message::PRIO_INFORMATION);
     // One reference is never given back: Poco drops its own when its statics end, which may be
     // before the last destructor that still logs.
     logger.duplicate();

@@ -26,10 +26,11 @@ KTR_API std::string getCurrentPath();
 /// getCurrentPath.
 KTR_API std::string getCurrentChildPath(const std::string& name);
 
-/// Appends to `out` the full path of every file of kind `type` below `dir`, at any depth, whose file
-/// name contains `filter` (an empty filter keeps all). Depth first, each folder in byte order of
-/// names; symbolic links are followed, no folder is entered twice. A missing `dir` yields nothing; a
-/// folder that cannot be read is logged as a warning and passed over. Thread-safe for distinct `out`.
+/// Appends to `out` the full path of every file of kind `type` below `dir`, at any depth, whose
+/// file name contains `filter` (an empty filter keeps all). Depth first, each folder in byte order
+/// of names; symbolic links are followed, no folder is entered twice. A missing `dir` yields
+/// nothing; a folder that cannot be read is logged as a warning and passed over. Thread-safe for
+/// distinct `out`.
 KTR_API void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& out,
                                   const ListFileType& type, const std::string& filter);
 

@@ -22,9 +22,9 @@ public:
         bool retained = false;
     };
 
-    /// Takes one message. Called on a thread of the client, one at a time, with no lock held; what it
-    /// throws is logged. It may publish, subscribe and unsubscribe; while it runs, no other message
-    /// is delivered.
+    /// Takes one message. Called on a thread of the client, one at a time, with no lock held; what
+    /// it throws is logged. It may publish, subscribe and unsubscribe; while it runs, no other
+    /// message is delivered.
     using Handler = std::function<void(const Message& message)>;
 
     struct Settings {
@@ -34,7 +34,8 @@ public:
         std::string clientId;
         std::string user;
         std::string password;
-        /// PEM files for TLS: authorities to trust (empty for the system's), own certificate and key.
+        /// PEM files for TLS: authorities to trust (empty for the system's), own certificate and
+        /// key.
         std::string caFile;
         std::string certificateFile;
         std::string keyFile;
@@ -67,17 +68,17 @@ public:
 
     bool isConnected() const;
 
-    /// Sends `message` (qos 0 to 2), or keeps it until connected. Returns false, with a log line, if
-    /// it was not accepted: no broker configured, a bad qos or topic.
+    /// Sends `message` (qos 0 to 2), or keeps it until connected. Returns false, with a log line,
+    /// if it was not accepted: no broker configured, a bad qos or topic.
     bool publish(const Message& message);
 
     /// Has `handler` called for every message that matches `filter` (with + and #), at most with
-    /// `qos` (0 to 2); replaces an earlier handler of the same filter. Kept over reconnections. Returns
-    /// false, with a log line, for a bad filter or qos.
+    /// `qos` (0 to 2); replaces an earlier handler of the same filter. Kept over reconnections.
+    /// Returns false, with a log line, for a bad filter or qos.
     bool subscribe(const std::string& filter, int qos, Handler handler);
 
-    /// Ends a subscription; returns when its handler no longer runs (but for a call that the calling
-    /// thread itself is in). An unknown filter does nothing.
+    /// Ends a subscription; returns when its handler no longer runs (but for a call that the
+    /// calling thread itself is in). An unknown filter does nothing.
     void unsubscribe(const std::string& filter);
 
 private:

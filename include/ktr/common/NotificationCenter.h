@@ -37,9 +37,9 @@ private:
 
 /// Registers typed handlers for notifications posted on Poco::NotificationCenter::defaultCenter().
 ///
-/// Thread safety: all functions may be called from any thread. A handler runs on the posting thread,
-/// inside the post, under the lock of its own registration only: one registration handles one
-/// notification at a time, different ones may run in parallel.
+/// Thread safety: all functions may be called from any thread. A handler runs on the posting
+/// thread, inside the post, under the lock of its own registration only: one registration handles
+/// one notification at a time, different ones may run in parallel.
 class KTR_API NotificationCenter {
 public:
     /// The process-wide centre; it lives until the process ends.
@@ -51,11 +51,12 @@ public:
     NotificationCenter& operator=(const NotificationCenter&) = delete;
 
     /// Has `handler` called with every notification of type T (derived from Poco::Notification). An
-    /// empty handler is accepted and ignores everything. What it throws leaves the post. `name` only
-    /// identifies the registration: register each name once, since a second one under the same name
-    /// leaves Poco's centre with a dangling observer. On failure nothing is registered and the
+    /// empty handler is accepted and ignores everything. What it throws leaves the post. `name`
+    /// only identifies the registration: register each name once, since a second one under the same
+    /// name leaves Poco's centre with a dangling observer. On failure nothing is registered and the
     /// exception (std::system_error, std::bad_alloc or Poco's) leaves this function.
-    template <class T> void addObserver(std::string name, std::function<void(T*)> handler) {
+    template <class T>
+    void addObserver(std::string name, std::function<void(T*)> handler) {
         const std::lock_guard<std::mutex> lock(mutex);
         std::shared_ptr<ObserverNode> node(new ObserverNode);
         node->observer = std::shared_ptr<Observer>(
@@ -63,14 +64,15 @@ public:
                 if (auto* typed = dynamic_cast<T*>(notification); typed && handler)
                     handler(typed);
             }));
-        node->pocoObserver = new Poco::Observer<Observer, Poco::Notification>(*node->observer,
-                                                                              &Observer::handle);
+        node->pocoObserver =
+            new Poco::Observer<Observer, Poco::Notification>(*node->observer, &Observer::handle);
         Poco::NotificationCenter::defaultCenter().addObserver(*node->pocoObserver);
         observers[name] = node;
     }
 
-    /// Ends the registration `name`: takes it out of Poco's centre, waits until its handler no longer
-    /// runs, and drops it. An unknown name does nothing. Must not be called from the handler itself.
+    /// Ends the registration `name`: takes it out of Poco's centre, waits until its handler no
+    /// longer runs, and drops it. An unknown name does nothing. Must not be called from the handler
+    /// itself.
     void removeObserver(const std::string& name);
 
 private:

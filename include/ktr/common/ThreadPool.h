@@ -15,12 +15,13 @@ namespace ktr {
 ///
 /// Thread safety: all functions may be called from any thread, also from inside a task, but for the
 /// destructor and close().
-class KTR_API ThreadPool : public Poco::ThreadPool, public std::enable_shared_from_this<ThreadPool> {
+class KTR_API ThreadPool : public Poco::ThreadPool,
+                           public std::enable_shared_from_this<ThreadPool> {
 public:
-    /// `minCapacity` (at least 1) threads are made at once and stay, up to `maxCapacity` are made when
-    /// wanted; `idleTime` in seconds (at least 1) is how long one of the others may idle; `stackSize`
-    /// in bytes, 0 for the platform's default. Throws Poco::SystemException if a thread cannot be
-    /// made.
+    /// `minCapacity` (at least 1) threads are made at once and stay, up to `maxCapacity` are made
+    /// when wanted; `idleTime` in seconds (at least 1) is how long one of the others may idle;
+    /// `stackSize` in bytes, 0 for the platform's default. Throws Poco::SystemException if a thread
+    /// cannot be made.
     ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                int stackSize);
 
@@ -37,10 +38,11 @@ public:
     static ThreadPool& defaultPool();
 
     /// Runs `task` once on a thread of the pool, and returns at once. An accepted task always runs,
-    /// also when the pool or the process ends right after. What it throws, of any type, is logged at
-    /// error with the task's name. `name` (default: the pool's) names thread and log lines.
-    /// Throws Poco::NoThreadAvailableException when every thread is busy, Poco::SystemException when
-    /// no thread can be made, Poco::IllegalStateException after close(); the task is then dropped.
+    /// also when the pool or the process ends right after. What it throws, of any type, is logged
+    /// at error with the task's name. `name` (default: the pool's) names thread and log lines.
+    /// Throws Poco::NoThreadAvailableException when every thread is busy, Poco::SystemException
+    /// when no thread can be made, Poco::IllegalStateException after close(); the task is then
+    /// dropped.
     void start(std::function<void()> task);
     void start(std::function<void()> task, const std::string& name);
 

@@ -28,16 +28,17 @@ namespace ktr {
 /// bind, serve and stop, which belong to one thread.
 class KTR_API WebApiBasic {
 public:
-    /// Request parameters by name, from the query, an urlencoded or multipart form, or the members of
-    /// a JSON object body. Of a repeated name the first value counts; the body goes before the query.
+    /// Request parameters by name, from the query, an urlencoded or multipart form, or the members
+    /// of a JSON object body. Of a repeated name the first value counts; the body goes before the
+    /// query.
     using Parameters = std::unordered_map<std::string, std::string>;
 
-    /// Answers one request by writing to `response`. Called on a server thread, several at once, with
-    /// no lock held. What it throws, of any type, is logged and answered with status 500 if nothing
-    /// was sent yet. It may call apiRegist and apiUnregist.
-    using Handler = std::function<void(Poco::Net::HTTPServerRequest& request,
-                                       Poco::Net::HTTPServerResponse& response,
-                                       const Parameters& params)>;
+    /// Answers one request by writing to `response`. Called on a server thread, several at once,
+    /// with no lock held. What it throws, of any type, is logged and answered with status 500 if
+    /// nothing was sent yet. It may call apiRegist and apiUnregist.
+    using Handler =
+        std::function<void(Poco::Net::HTTPServerRequest& request,
+                           Poco::Net::HTTPServerResponse& response, const Parameters& params)>;
 
     /// What a client may take of the server. Set before bind().
     struct Limits {
@@ -60,13 +61,13 @@ public:
     WebApiBasic& operator=(const WebApiBasic&) = delete;
 
     /// Has `handler` answer requests for `route`, which starts with "/"; it replaces an earlier
-    /// handler of the route, whose running calls go on. Throws Poco::InvalidArgumentException for an
-    /// empty handler or a bad route.
+    /// handler of the route, whose running calls go on. Throws Poco::InvalidArgumentException for
+    /// an empty handler or a bad route.
     void apiRegist(std::string route, Handler handler);
 
     /// Takes the route's handler away and returns when no call of it is running any more (but for
-    /// one that the calling thread itself is in). An unknown route does nothing. A caller that holds
-    /// a lock which a running handler waits for deadlocks.
+    /// one that the calling thread itself is in). An unknown route does nothing. A caller that
+    /// holds a lock which a running handler waits for deadlocks.
     void apiUnregist(const std::string& route);
 
     /// Replaces the limits; takes effect with the next bind().
@@ -82,8 +83,8 @@ public:
     void serve();
 
     /// Stops answering: closes the listening socket and idle connections, lets running handlers end
-    /// and their answers go out, and waits for the server's threads. Routes stay registered and bind
-    /// may be called again. Harmless when not bound.
+    /// and their answers go out, and waits for the server's threads. Routes stay registered and
+    /// bind may be called again. Harmless when not bound.
     void stop();
 
 private:

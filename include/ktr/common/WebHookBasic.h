@@ -12,8 +12,8 @@
 
 namespace ktr {
 
-/// Tells other systems what happens here: posts JSON to the configured URLs, from a worker thread of
-/// its own, which is made with the first report. Without a URL it does nothing.
+/// Tells other systems what happens here: posts JSON to the configured URLs, from a worker thread
+/// of its own, which is made with the first report. Without a URL it does nothing.
 ///
 /// Thread safety: all functions may be called from any thread.
 class KTR_API WebHookBasic {
@@ -51,10 +51,10 @@ public:
     void reportServerStarted();
 
     /// Queues {"event":event,"time":...} with the members of `details` added; returns at once.
-    void report(const std::string& event, const Poco::JSON::Object& details = {});
+    void report(const std::string& event, const Poco::JSON::Object& details = Poco::JSON::Object());
 
-    /// Ends the worker thread: gives what is queued one last attempt for up to `grace`, then drops the
-    /// rest with a warning. Reports after it are dropped with a warning.
+    /// Ends the worker thread: gives what is queued one last attempt for up to `grace`, then drops
+    /// the rest with a warning. Reports after it are dropped with a warning.
     void stop(const Poco::Timespan& grace = Poco::Timespan(2, 0));
 
 private:
