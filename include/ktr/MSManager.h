@@ -61,10 +61,10 @@ public:
     int getMsType();
 
 private:
-    std::string rpcIp;
-    unsigned short rpcPort;
+    std::string rpcIp = "127.0.0.1";
+    unsigned short rpcPort = 0;
     std::string msGuid;
-    int msType;
+    int msType = 0;
 };
 
 /// Launches the microservices, restarts those that exit, ends them at shutdown, and takes their

@@ -199,7 +199,7 @@ struct EndAtExit {
 ThreadPool& ThreadPool::defaultPool() {
     // Ended at exit but never destroyed: statics that end later may still ask for it, and get a
     // pool that refuses.
-    static DefaultPool* const pool = new DefaultPool;
+    static auto* const pool = new DefaultPool;
     static const EndAtExit atExit{*pool};
     return pool->use();
 }

@@ -79,7 +79,7 @@ void postReport(const std::string& ip, unsigned short port, int type, const std:
 
 } // namespace
 
-MSNotification::MSNotification() : rpcIp("127.0.0.1"), rpcPort(0), msType(0) {}
+MSNotification::MSNotification() = default;
 
 MSNotification::~MSNotification() = default;
 

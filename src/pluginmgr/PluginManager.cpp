@@ -19,6 +19,7 @@
 #include <Poco/SharedLibrary.h>
 #include <Poco/SharedPtr.h>
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -491,9 +492,9 @@ static int sReadCpuTemperature(const std::string& path) {
         std::FILE* const file = std::fopen(path.c_str(), "r");
         if (file == nullptr)
             throw Poco::OpenFileException(path);
-        char line[256] = "";
-        if (std::fgets(line, sizeof line, file) != nullptr)
-            std::sscanf(line, "%d", &millidegrees);
+        std::array<char, 256> line{};
+        if (std::fgets(line.data(), line.size(), file) != nullptr)
+            std::sscanf(line.data(), "%d", &millidegrees);
         std::fclose(file);
     } catch (const std::exception& e) {
         KTR_LOG(information,

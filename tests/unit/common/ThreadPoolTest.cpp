@@ -53,7 +53,7 @@ TEST(ThreadPool, LogsWhatATaskThrowsWithItsName) {
     const auto pool = makePool(4);
     pool->start([] { throw std::runtime_error("first"); }, "task-one");
     pool->start([] { throw Poco::NotFoundException("second"); }, "task-two");
-    pool->start([] { throw 3; }, "task-three"); // NOLINT(hicpp-exception-baseclass)
+    pool->start([] { throw 3; }, "task-three");
     pool->joinAll();
     EXPECT_EQ(log.count("task 'task-one' failed: first"), 1);
     EXPECT_EQ(log.count("task 'task-two' failed: Not found: second"), 1);
@@ -146,13 +146,21 @@ TEST(DefaultPool, GivesIdleThreadsBack) {
     EXPECT_TRUE(waitUntil([&] { return pool.allocated() <= 2; }, std::chrono::seconds(40)));
 }
 
+struct SaysWhenDestroyed {
+    std::atomic<bool>& destroyed;
+    ~SaysWhenDestroyed() { destroyed = true; }
+};
+
 TEST(DefaultPoolDeathTest, RunsWhatItAcceptedAtTheEndOfTheProcess) {
     EXPECT_EXIT(
         {
+            static std::atomic<bool> ending{false};
             ThreadPool::defaultPool().start([] {
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                std::fputs("accepted task ran\n", stderr);
+                // made after the pool, so destroyed before the pool is ended
+                if (waitUntil([] { return ending.load(); }))
+                    std::fputs("accepted task ran\n", stderr);
             });
+            static const SaysWhenDestroyed atExit{ending};
             std::exit(0);
         },
         testing::ExitedWithCode(0), "accepted task ran");
