@@ -2,6 +2,7 @@
 
 #include "ktr/Export.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
