@@ -27,10 +27,14 @@ KTR_API std::string getCurrentPath();
 KTR_API std::string getCurrentChildPath(const std::string& name);
 
 /// Appends to `out` the full path of every file of kind `type` below `dir`, at any depth, whose
-/// file name contains `filter` (an empty filter keeps all). Depth first, each folder in byte order
-/// of names; symbolic links are followed, no folder is entered twice. A missing `dir` yields
-/// nothing; a folder that cannot be read is logged as a warning and passed over. Thread-safe for
-/// distinct `out`.
+/// file name contains `filter` (an empty filter keeps all). A relative `dir` is below the current
+/// directory; throws like getCurrentPath if that cannot be read.
+///
+/// Each folder is listed in byte order of its names, files and folders alike, and a folder in it is
+/// walked when its name comes. Symbolic links are followed; links that lead nowhere are left out.
+/// No folder is entered twice and, with Regular, no file listed twice: the path that comes first
+/// stands. An empty or missing `dir` yields nothing; what cannot be read is logged as a warning and
+/// passed over. Thread-safe for distinct `out`.
 KTR_API void listFilesRecursively(const Poco::Path& dir, std::list<std::string>& out,
                                   const ListFileType& type, const std::string& filter);
 
