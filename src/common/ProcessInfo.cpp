@@ -6,10 +6,10 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstddef>
 #include <fcntl.h>
 #include <filesystem>
-#include <limits.h>
 #include <sstream>
 #include <string_view>
 #include <sys/stat.h>

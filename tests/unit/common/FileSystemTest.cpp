@@ -31,7 +31,7 @@ using testing::IsEmpty;
 class FileSystem : public testing::Test {
 protected:
     fs::path file(const std::string& name, fs::perms permissions = fs::perms::owner_read) const {
-        const fs::path path = folder / name;
+        fs::path path = folder / name;
         fs::create_directories(path.parent_path());
         std::ofstream(path) << "text";
         fs::permissions(path, permissions);

@@ -137,6 +137,7 @@ private:
         std::vector<std::string> texts{file.string()};
         texts.insert(texts.end(), arguments.begin(), arguments.end());
         std::vector<char*> pointers;
+        pointers.reserve(texts.size() + 1);
         for (std::string& text : texts)
             pointers.push_back(text.data());
         pointers.push_back(nullptr);
@@ -187,7 +188,7 @@ protected:
     }
 
     fs::path puppet(const std::string& name) const {
-        const fs::path file = folder / name;
+        fs::path file = folder / name;
         fs::create_directories(file.parent_path());
         std::error_code otherFileSystem;
         fs::create_hard_link(KETRA_TEST_PUPPET, file, otherFileSystem);
@@ -197,7 +198,7 @@ protected:
     }
 
     fs::path script(const std::string& name, const std::string& interpreter) const {
-        const fs::path file = folder / name;
+        fs::path file = folder / name;
         std::ofstream(file) << "#!" << interpreter << "\necho ready\nread -r line\n";
         fs::permissions(file, fs::perms::owner_all);
         return file;
@@ -301,6 +302,22 @@ TEST_F(CleanProcessById, SparesOtherMembersOfAGroupThatTheProcessDoesNotLead) {
     EXPECT_TRUE(waitUntil([&] { return !grandchild.runs(); }));
 }
 
+TEST_F(CleanProcessById, SparesTheLeaderOfAGroupWhenAMemberIsEnded) {
+    const Puppet leader(puppet(named("leader")), {"grandchild"}, Group::Own);
+    const Watch member(leader.grandchild());
+    cleanProcessById(static_cast<unsigned int>(leader.grandchild()));
+    EXPECT_FALSE(member.runs());
+    EXPECT_TRUE(leader.runs());
+}
+
+TEST_F(CleanProcessById, SparesTheGroupThatTheCallerIsIn) {
+    const Puppet leader(puppet(named("leader")), {"grandchild", "clean-parent"}, Group::Own);
+    const Watch member(leader.grandchild());
+    EXPECT_EQ(leader.readLine(), "cleaned");
+    EXPECT_FALSE(leader.runs());
+    EXPECT_TRUE(member.runs());
+}
+
 TEST_F(CleanProcessById, RefusesNobodyTheFirstProcessAndItself) {
     const LogCapture log;
     cleanProcessById(0);
@@ -370,6 +387,7 @@ TEST_F(CleanProcessByName, EndsEveryCopyAndLeavesThemToTheirOwner) {
 TEST_F(CleanProcessByName, GivesAllCopiesOneGraceTogether) {
     std::vector<std::unique_ptr<Puppet>> copies;
     const fs::path file = puppet(named("service"));
+    copies.reserve(5);
     for (int i = 0; i < 5; ++i)
         copies.push_back(
             std::make_unique<Puppet>(file, std::vector<std::string>{"ignore-term"}, Group::Own));
@@ -422,15 +440,19 @@ TEST_F(CleanProcessByName, SparesTheCallerAndItsAncestors) {
 
 TEST_F(CleanProcessByName, SparesAProcessThatBearsTheNameAsAnArgument) {
     const fs::path service = puppet(named("service"));
-    const fs::path written = script(named("written"), "/bin/sh");
+    const fs::path interpreter = shell(named("shell"));
+    const fs::path written = script(named("written"), interpreter.string());
     const Puppet withBinary(puppet(named("other")), {service.string(), named("service")});
     const Puppet withScript(folder / named("other"), {written.string(), named("written")});
-    const Puppet scriptWithScript(script(named("another"), "/bin/sh"), {written.string()});
+    const Puppet scriptWithScript(script(named("another"), interpreter.string()),
+                                  {written.string()});
+    const Puppet shellWithScript(interpreter, {"-c", "echo ready; read -r line", written.string()});
     cleanProcessByName(named("service"));
     cleanProcessByName(named("written"));
     EXPECT_TRUE(withBinary.runs());
     EXPECT_TRUE(withScript.runs());
     EXPECT_TRUE(scriptWithScript.runs());
+    EXPECT_TRUE(shellWithScript.runs());
 }
 
 TEST_F(CleanProcessByName, CountsAScriptUnderItsOwnName) {
