@@ -158,7 +158,8 @@ std::string interpretedScript(pid_t pid, const Arguments& arguments,
         if (arguments[i].empty())
             continue;
         const Interpreter interpreter = interpreterOf(seenBy(pid, arguments[i]));
-        if (interpreter.name.empty() || asKernelName(interpreter.name) != kernelGiven)
+        if (interpreter.name.empty() || interpreter.name != fileName(arguments[0]) ||
+            asKernelName(interpreter.name) != kernelGiven)
             continue;
         const Arguments before(arguments.begin() + 1,
                                arguments.begin() + static_cast<std::ptrdiff_t>(i));

@@ -174,8 +174,8 @@ TEST_F(ListFiles, WarnsOnceAboutAFolderThatCannotBeReadAndGoesOn) {
     file("unsearchable/a");
     file("unsearchable/b");
     fs::permissions(folder.path(), fs::perms::all);
-    fs::permissions(folder / "closed", fs::perms::owner_exec | fs::perms::others_exec);
-    fs::permissions(folder / "unsearchable", fs::perms::owner_read | fs::perms::others_read);
+    fs::permissions(folder / "closed", fs::perms(0111));
+    fs::permissions(folder / "unsearchable", fs::perms(0444));
     EXPECT_TRUE(holdsWithoutPrivileges([this] {
         const LogCapture log;
         return list() == std::vector<std::string>{"after"} &&

@@ -103,8 +103,10 @@ public:
         waitpid(id, &status, WUNTRACED);
     }
 
-    /// The status that its owner gets, or -1 if somebody else took it.
+    /// The status that its owner gets; -1 if somebody else took it, or if it does not end.
     int wait() const {
+        if (!waitUntil([this] { return !runs(); }, std::chrono::seconds(5)))
+            return -1;
         int status = 0;
         pid_t waited = 0;
         do
