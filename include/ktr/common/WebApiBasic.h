@@ -21,16 +21,26 @@ namespace ktr {
 /// The host's HTTP/1.1 router. Routes are exact paths, case-sensitive, without the query.
 ///
 /// The router answers by itself, each time with a JSON body ({"code":-1,"msg":"..."}) and a log
-/// line: an unknown route 404, a handler that throws 500, a malformed request 400, a body or header
-/// over the limit 413 or 431.
+/// line: an unknown route 404, a handler that throws 500, a malformed request or body 400, a header
+/// or body that takes too long 408, a body or header over the limit 413 or 431, a transfer encoding
+/// other than chunked 501, an HTTP version other than 1.0 and 1.1 505. Every method goes to the
+/// handler, which may ask for it; of the answer to a HEAD request only the header is sent.
+///
+/// The whole body is read before the handler runs, so request.stream() never waits for the client
+/// and holds the body also where it was taken for parameters. An answer needs neither length nor
+/// chunked encoding: the connection stays open for the next request in any case. Without a content
+/// type it goes out as application/json.
 ///
 /// Thread safety: all functions may be called from any thread, also while the server runs, but for
 /// bind, serve and stop, which belong to one thread.
 class KTR_API WebApiBasic {
 public:
-    /// Request parameters by name, from the query, an urlencoded or multipart form, or the members
-    /// of a JSON object body. Of a repeated name the first value counts; the body goes before the
-    /// query.
+    /// Request parameters by name, from the query and from the body, which its Content-Type tells
+    /// to be application/x-www-form-urlencoded, multipart/form-data or application/json; any other
+    /// body is left to the handler. Of a repeated name the first value counts; the body goes before
+    /// the query. Files in a multipart form are left out. Of a JSON object the string members come
+    /// as they are, numbers and booleans as their JSON text; null, objects and arrays are left out.
+    /// More than 1000 fields in a form are refused with 400.
     using Parameters = std::unordered_map<std::string, std::string>;
 
     /// Answers one request by writing to `response`. Called on a server thread, several at once,
@@ -40,18 +50,22 @@ public:
         std::function<void(Poco::Net::HTTPServerRequest& request,
                            Poco::Net::HTTPServerResponse& response, const Parameters& params)>;
 
-    /// What a client may take of the server. Set before bind().
+    /// What a client may take of the server.
     struct Limits {
         std::size_t bodyBytes = 1024 * 1024;
         std::size_t headerBytes = 16 * 1024;
+        /// Open at a time, each with a thread of its own. Beyond it the connection that has been
+        /// idle for longest makes room; with none idle, clients wait in the listen backlog.
         int connections = 256;
-        /// From the first byte of a request to the end of its header, and again for its body.
+        /// From the first byte of a request to the end of its header, and again for its body. Also
+        /// how long a client may take nothing of its answer.
         Poco::Timespan headerTime{10, 0};
-        /// How long an idle connection is kept open between requests.
+        /// How long an idle connection is kept open before a request.
         Poco::Timespan idleTime{15, 0};
     };
 
-    /// The process-wide router.
+    /// The process-wide router. It is stopped when the process exits, if not before, and never
+    /// destroyed.
     static std::shared_ptr<WebApiBasic> instance();
 
     WebApiBasic();
@@ -62,29 +76,33 @@ public:
 
     /// Has `handler` answer requests for `route`, which starts with "/"; it replaces an earlier
     /// handler of the route, whose running calls go on. Throws Poco::InvalidArgumentException for
-    /// an empty handler or a bad route.
+    /// an empty handler or a bad route. The path of a request is compared after percent-decoding.
     void apiRegist(std::string route, Handler handler);
 
-    /// Takes the route's handler away and returns when no call of it is running any more (but for
-    /// one that the calling thread itself is in). An unknown route does nothing. A caller that
-    /// holds a lock which a running handler waits for deadlocks.
+    /// Takes the route's handler away and returns when no call of it, or of one that it replaced,
+    /// is running any more and the handler is destroyed. A call that the calling thread itself is
+    /// in is not waited for, nor, by a handler, one that is in apiUnregist too: such a handler is
+    /// destroyed when its last call ends. An unknown route does nothing. A caller that holds a lock
+    /// which a running handler waits for deadlocks.
     void apiUnregist(const std::string& route);
 
     /// Replaces the limits; takes effect with the next bind().
     void setLimits(const Limits& limits);
 
-    /// Binds to `ip` and `port` (0 picks a free one) and listens; connections wait in the backlog
-    /// until serve(). Returns the bound address. Throws Poco::Net::NetException or
-    /// Poco::IOException with the address in its text when it cannot be bound, and
+    /// Binds to `ip` (IPv4 or IPv6, or a host name) and `port` (0 picks a free one) and listens;
+    /// connections wait in the backlog until serve(). Returns the bound address. Throws
+    /// Poco::Net::NetException with the address in its text when it cannot be bound, and
     /// Poco::IllegalStateException when already bound.
     Poco::Net::SocketAddress bind(const std::string& ip = "127.0.0.1", unsigned short port = 0);
 
-    /// Starts answering, on threads of its own. Throws Poco::IllegalStateException unless bound.
+    /// Starts answering, on threads of its own. Throws Poco::IllegalStateException unless bound and
+    /// not serving yet, Poco::SystemException when the process lacks a thread or descriptor for it.
     void serve();
 
-    /// Stops answering: closes the listening socket and idle connections, lets running handlers end
-    /// and their answers go out, and waits for the server's threads. Routes stay registered and
-    /// bind may be called again. Harmless when not bound.
+    /// Stops answering: closes the listening socket and every connection that waits for its client,
+    /// lets running handlers end and their answers go out (for one second to a client that does not
+    /// take them), and waits for the server's threads. Routes stay registered and bind may be
+    /// called again. Harmless when not bound. Must not be called by a handler.
     void stop();
 
 private:
