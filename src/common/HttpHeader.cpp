@@ -80,7 +80,7 @@ std::string singleValue(const HTTPRequest& request, const std::string& name) {
     auto field = request.find(name);
     if (field == request.end())
         return {};
-    const std::string value = field->second;
+    std::string value = field->second;
     if (++field != request.end() && Poco::icompare(field->first, name) == 0)
         throw malformed("the header has " + name + " twice");
     return value;

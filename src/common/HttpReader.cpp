@@ -119,7 +119,7 @@ std::string HttpReader::takeLine() {
         receiveMore();
         end = buffer.find("\r\n");
     }
-    if (end == std::string::npos || end > kMaxChunkLine)
+    if (end > kMaxChunkLine)
         throw HttpFault(HTTPResponse::HTTP_BAD_REQUEST, "a line of the chunked body is too long");
     std::string line = take(end + 2);
     line.resize(end);

@@ -16,9 +16,8 @@ namespace ktr {
 /// unread body cannot be taken for the next request.
 class HttpRequest : public Poco::Net::HTTPServerRequest {
 public:
-    HttpRequest(Poco::Net::SocketAddress client_, Poco::Net::SocketAddress server_)
-        : client(std::move(client_)), server(std::move(server_)),
-          params(new Poco::Net::HTTPServerParams) {
+    HttpRequest(const Poco::Net::SocketAddress& client_, const Poco::Net::SocketAddress& server_)
+        : client(client_), server(server_), params(new Poco::Net::HTTPServerParams) {
         // what an answer to an unreadable request line goes by
         setVersion(HTTP_1_1);
     }

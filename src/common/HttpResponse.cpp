@@ -15,10 +15,9 @@
 namespace ktr {
 namespace {
 
-using Poco::Net::HTTPMessage;
 using Poco::Net::HTTPRequest;
 
-constexpr std::size_t kHeldBack = 32 * 1024;
+constexpr std::size_t kHeldBack = 32'768;
 
 } // namespace
 

@@ -52,8 +52,8 @@ public:
 
     /// What a client may take of the server.
     struct Limits {
-        std::size_t bodyBytes = 1024 * 1024;
-        std::size_t headerBytes = 16 * 1024;
+        std::size_t bodyBytes = 1'048'576;
+        std::size_t headerBytes = 16'384;
         /// Open at a time, each with a thread of its own. Beyond it the connection that has been
         /// idle for longest makes room; with none idle, clients wait in the listen backlog.
         int connections = 256;
