@@ -315,8 +315,9 @@ TEST_F(WebApiBasicTest, RefusesABodyOverTheLimitHoweverItIsSent) {
 TEST_F(WebApiBasicTest, GetsTheRefusalToAClientThatIsStillSending) {
     serve();
     RawClient client(address);
-    const std::string body(3'000'000, 'a');
-    client.send("POST /x HTTP/1.1\r\nContent-Length: 3000000\r\n\r\n" + body);
+    // more than the kernel holds for both ends
+    const std::string body(12'000'000, 'a');
+    client.send("POST /x HTTP/1.1\r\nContent-Length: 12000000\r\n\r\n" + body);
     EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 413"));
 }
 
@@ -760,10 +761,10 @@ TEST_F(WebApiBasicTest, ReplacesAHandlerWhoseCallsGoOn) {
 
 TEST_F(WebApiBasicTest, UnregistersOnlyAfterTheLastCallAndWithTheHandlerGone) {
     Gate gate;
-    const auto token = std::make_shared<int>(0);
+    auto token = std::make_shared<int>(0);
     const std::weak_ptr<int> alive = token;
-    api.apiRegist("/x", [&gate, kept = token](auto&, auto&, const auto&) { gate.pass(); });
-    const_cast<std::shared_ptr<int>&>(token).reset();
+    api.apiRegist("/x",
+                  [&gate, kept = std::move(token)](auto&, auto&, const auto&) { gate.pass(); });
     serve();
     RawClient client(address);
     client.send("GET /x HTTP/1.1\r\n\r\n");
@@ -779,6 +780,36 @@ TEST_F(WebApiBasicTest, UnregistersOnlyAfterTheLastCallAndWithTheHandlerGone) {
     other.get();
     EXPECT_TRUE(alive.expired());
     EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 200"));
+}
+
+// The code of a handler, its destructor included, may be unloaded once the route is gone.
+TEST_F(WebApiBasicTest, UnregistersOnlyWhenAReplacedHandlerIsDestroyed) {
+    struct SlowEnd {
+        explicit SlowEnd(std::atomic<bool>& ended_) : ended(ended_) {}
+        ~SlowEnd() {
+            waitUntil([] { return false; }, 50ms);
+            ended = true;
+        }
+        SlowEnd(const SlowEnd&) = delete;
+        SlowEnd& operator=(const SlowEnd&) = delete;
+        std::atomic<bool>& ended;
+    };
+    Gate gate;
+    std::atomic<bool> ended{false};
+    api.apiRegist("/x", [&gate, kept = std::make_shared<SlowEnd>(ended)](
+                            auto&, auto&, const auto&) { gate.pass(); });
+    serve();
+    RawClient client(address);
+    client.send("GET /x HTTP/1.1\r\n\r\n");
+    ASSERT_TRUE(gate.waitEntered());
+    answer("/x", "new");
+    auto removal = std::async(std::launch::async, [&] {
+        api.apiUnregist("/x");
+        return ended.load();
+    });
+    ASSERT_TRUE(waitUntil([&] { return get("/x").status == 404; }));
+    gate.open();
+    EXPECT_TRUE(removal.get());
 }
 
 TEST_F(WebApiBasicTest, UnregisteringWaitsForReplacedHandlersButNotForLaterOnes) {
