@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
-#include <stdlib.h>
 #include <string>
 
 namespace ktr::test {
