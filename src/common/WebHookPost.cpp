@@ -6,7 +6,6 @@
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPBasicCredentials.h>
 #include <Poco/Net/HTTPRequest.h>
-#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/NetException.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SocketAddress.h>
@@ -123,9 +122,9 @@ std::unique_ptr<Poco::Net::HTTPClientSession>
 WebHookPost::openSession(const Poco::Net::StreamSocket& socket) {
     if (!target.https)
         return std::make_unique<Poco::Net::HTTPClientSession>(socket);
-    const auto secure =
-        Poco::Net::SecureStreamSocket::attach(socket, hostOnly(target.host), makeContext(caFile));
-    return std::make_unique<Poco::Net::HTTPSClientSession>(secure);
+    // the plain session speaks through a TLS socket too; Poco's HTTPS one refuses a connected one
+    return std::make_unique<Poco::Net::HTTPClientSession>(
+        Poco::Net::SecureStreamSocket::attach(socket, hostOnly(target.host), makeContext(caFile)));
 }
 
 } // namespace ktr

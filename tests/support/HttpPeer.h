@@ -38,7 +38,7 @@ public:
 
     static Answer status(int code) {
         return [code](const Post&, Poco::Net::HTTPServerResponse& response) {
-            response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(code));
+            response.setStatusAndReason(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(code));
         };
     }
 
