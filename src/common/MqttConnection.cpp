@@ -63,15 +63,12 @@ MqttConnection::MqttConnection(const MqttBroker& broker_, const MqttClient::Sett
 }
 
 MqttConnection::~MqttConnection() {
-    // Paho calls message_arrived without its lock: its client must not go meanwhile.
-    try {
-        client->disable_callbacks();
-    } catch (const mqtt::exception&) {
-        // refused while it connects, when no message can come
-    }
+    // Paho calls message_arrived without its lock: its client must not go meanwhile. Its own
+    // disable_callbacks takes its locks in the other order than its callbacks do.
     {
         std::unique_lock<std::mutex> lock(mutex);
-        idle.wait(lock, [this] { return deliveries == 0; });
+        ending = true;
+        changed.wait(lock, [this] { return deliveries == 0; });
     }
     client.reset();
 }
@@ -139,7 +136,9 @@ void MqttConnection::publish(MqttOutbox::Id id, const MqttClient::Message& messa
 
 void MqttConnection::close(std::chrono::milliseconds limit) {
     try {
-        client->disconnect(0)->wait_for(limit);
+        client->disconnect(0, nullptr, *this);
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, limit, [this] { return left; });
     } catch (const mqtt::exception& e) {
         if (cachedLogger().debug())
             cachedLogger().debug(
@@ -155,13 +154,21 @@ void MqttConnection::connection_lost(const std::string& /*cause*/) {
 void MqttConnection::message_arrived(mqtt::const_message_ptr message) {
     {
         const std::lock_guard<std::mutex> lock(mutex);
+        if (ending)
+            return;
         ++deliveries;
     }
     observer.received({message->get_topic(), message->get_payload_str(), message->get_qos(),
                        message->is_retained()});
     const std::lock_guard<std::mutex> lock(mutex);
     --deliveries;
-    idle.notify_all();
+    changed.notify_all();
+}
+
+void MqttConnection::noteLeft() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    left = true;
+    changed.notify_all();
 }
 
 void MqttConnection::on_success(const mqtt::token& token) {
@@ -169,6 +176,8 @@ void MqttConnection::on_success(const mqtt::token& token) {
         observer.opened();
     else if (token.get_type() == mqtt::token::Type::PUBLISH)
         observer.sent(reinterpret_cast<MqttOutbox::Id>(token.get_user_context()));
+    else if (token.get_type() == mqtt::token::Type::DISCONNECT)
+        noteLeft();
 }
 
 // A message that fails on the way stays with the observer, who sends it again on the next
@@ -176,6 +185,8 @@ void MqttConnection::on_success(const mqtt::token& token) {
 void MqttConnection::on_failure(const mqtt::token& token) {
     if (token.get_type() == mqtt::token::Type::CONNECT)
         observer.failed(failureReason(token.get_return_code()));
+    else if (token.get_type() == mqtt::token::Type::DISCONNECT)
+        noteLeft();
     else if (token.get_type() == mqtt::token::Type::SUBSCRIBE &&
              token.get_return_code() == MQTT_BAD_SUBSCRIBE && cachedLogger().warning())
         cachedLogger().warning(

@@ -56,6 +56,7 @@ private:
     void message_arrived(mqtt::const_message_ptr message) override;
     void on_failure(const mqtt::token& token) override;
     void on_success(const mqtt::token& token) override;
+    void noteLeft();
 
     mqtt::connect_options connectOptions() const;
     mqtt::ssl_options tlsOptions() const;
@@ -66,9 +67,11 @@ private:
     Observer& observer;
 
     std::mutex mutex;
-    std::condition_variable idle;
+    std::condition_variable changed;
     // guarded by mutex
     int deliveries = 0;
+    bool ending = false;
+    bool left = false;
 
     std::unique_ptr<mqtt::async_client> client;
 };

@@ -105,6 +105,9 @@ void cutConnectionsTo(std::uint16_t port) {
 }
 
 int threadCount() {
+    // a sanitizer adds one of its own with the first thread
+    static const bool started = (std::thread([] {}).join(), true);
+    static_cast<void>(started);
     const std::filesystem::directory_iterator tasks("/proc/self/task");
     return static_cast<int>(std::distance(begin(tasks), end(tasks)));
 }
