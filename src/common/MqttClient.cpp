@@ -228,16 +228,16 @@ struct MqttClient::Impl : MqttConnection::Observer {
     /// Does one thing that is to be done; false when the connection is over.
     bool step(MqttConnection& connection) {
         std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [this] {
-            return stopping || link != Link::Up || !untold.empty() || outbox.canSend();
-        });
-        if (link != Link::Up)
-            return false;
-        if (!untold.empty())
-            return settleFilter(connection, lock);
-        if (outbox.canSend() && !(stopping && Clock::now() >= leaveUntil))
-            return sendNext(connection, lock);
-        leave(connection, lock);
+        while (!isOver() && untold.empty() && !outbox.canSend()) {
+            if (stopping)
+                changed.wait_until(lock, Clock::time_point(leaveUntil));
+            else
+                changed.wait(lock);
+        }
+        if (link == Link::Up && isOver())
+            leave(connection, lock);
+        else if (link == Link::Up)
+            return untold.empty() ? sendNext(connection, lock) : settleFilter(connection, lock);
         return false;
     }
 
@@ -289,8 +289,6 @@ struct MqttClient::Impl : MqttConnection::Observer {
     }
 
     void leave(MqttConnection& connection, std::unique_lock<std::mutex>& lock) {
-        changed.wait_until(lock, leaveUntil,
-                           [this] { return link != Link::Up || outbox.isIdle(); });
         if (!outbox.isIdle())
             warning(Poco::format("%z MQTT messages are not confirmed at the end of the connection",
                                  outbox.size()));
@@ -343,6 +341,10 @@ struct MqttClient::Impl : MqttConnection::Observer {
     }
 
     // with mutex held:
+
+    bool isOver() const {
+        return link != Link::Up || (stopping && (outbox.isIdle() || Clock::now() >= leaveUntil));
+    }
 
     std::size_t outboxCapacity() const {
         return link == Link::Up ? std::max(settings.offlineMessages, kBurst)

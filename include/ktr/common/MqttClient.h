@@ -24,18 +24,22 @@ public:
 
     /// Takes one message. Called on a thread of the client, one at a time, with no lock held; what
     /// it throws is logged. It may publish, subscribe and unsubscribe; while it runs, no other
-    /// message is delivered.
+    /// message is delivered. A handler that takes long delays the others, not the connection.
+    /// Brokers may deliver a message once for each filter that it matches, each of which then calls
+    /// all their handlers.
     using Handler = std::function<void(const Message& message)>;
 
     struct Settings {
         /// tcp://host:port, mqtt://host:port, ssl://host:port or mqtts://host:port; empty for none.
+        /// The ports may be left out (1883, 8883).
         std::string url;
         /// Empty for "ketra-" and a random part.
         std::string clientId;
         std::string user;
         std::string password;
         /// PEM files for TLS: authorities to trust (empty for the system's), own certificate and
-        /// key.
+        /// key. The broker's certificate must be theirs and bear the host name or address of the
+        /// URL.
         std::string caFile;
         std::string certificateFile;
         std::string keyFile;
@@ -45,13 +49,15 @@ public:
         /// Delay before reconnecting, doubled up to the maximum.
         int minReconnectSeconds = 1;
         int maxReconnectSeconds = 60;
-        /// Messages kept while offline; when full, the oldest is dropped with a warning.
+        /// Messages kept while offline; when full, the oldest is dropped with a warning. While
+        /// connected, at least 1000 may wait for a slow broker.
         std::size_t offlineMessages = 1000;
     };
 
     /// A client without a broker.
     MqttClient();
-    /// Throws Poco::InvalidArgumentException for a URL that it cannot use, naming it.
+    /// Throws Poco::InvalidArgumentException for a URL, last will, keep-alive or delay that it
+    /// cannot use, naming it. User and password do not belong into the URL.
     explicit MqttClient(const Settings& settings);
     /// Calls disconnect().
     ~MqttClient();
@@ -63,18 +69,23 @@ public:
     void connect();
 
     /// Sends what is buffered if connected (for at most two seconds), then ends the connection.
-    /// Returns when no handler is running any more; not to be called from one.
+    /// Messages that came in are dropped with a warning if their handlers were not called yet;
+    /// those that were not sent stay for the next connect(). Returns when no handler is running any
+    /// more; not to be called from one.
     void disconnect();
 
     bool isConnected() const;
 
-    /// Sends `message` (qos 0 to 2), or keeps it until connected. Returns false, with a log line,
-    /// if it was not accepted: no broker configured, a bad qos or topic.
+    /// Sends `message` (qos 0 to 2), or keeps it until connected; does not wait for either. Returns
+    /// false, with a log line, if it was not accepted: no broker configured (a debug line), a bad
+    /// qos or topic. What the broker has not confirmed when the connection is lost is sent again
+    /// with qos 1 and 2, and may then arrive twice; with qos 0 it may be lost.
     bool publish(const Message& message);
 
     /// Has `handler` called for every message that matches `filter` (with + and #), at most with
-    /// `qos` (0 to 2); replaces an earlier handler of the same filter. Kept over reconnections.
-    /// Returns false, with a log line, for a bad filter or qos.
+    /// `qos` (0 to 2); replaces an earlier handler of the same filter, which may still be running.
+    /// Kept over reconnections. Leading wildcards leave out topics that begin with $. Returns
+    /// false, with a log line, for a bad filter or qos or an empty handler.
     bool subscribe(const std::string& filter, int qos, Handler handler);
 
     /// Ends a subscription; returns when its handler no longer runs (but for a call that the

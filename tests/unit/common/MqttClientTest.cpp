@@ -3,6 +3,7 @@
 #include "support/Broker.h"
 #include "support/Certificates.h"
 #include "support/LogCapture.h"
+#include "support/PahoSuppressions.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
@@ -297,6 +298,17 @@ TEST(MqttClient, sendsWhatItKeepsBeforeItDisconnects) {
     client.subscribe("last/+", 1, box.handler());
     connectAndWait(client);
     EXPECT_TRUE(waitUntil([&] { return box.size() == 20; }));
+}
+
+TEST(MqttClient, sendsALongBurstBeforeItDisconnects) {
+    const Broker broker;
+    const LogCapture log;
+    MqttClient client(settingsFor(broker.url()));
+    connectAndWait(client);
+    for (int i = 0; i < 900; ++i)
+        client.publish({"burst", "x", 1, false});
+    client.disconnect();
+    EXPECT_EQ(log.count("not confirmed"), 0);
 }
 
 TEST(MqttClient, dropsTheOldestKeptMessagesWithAWarning) {
