@@ -1,0 +1,425 @@
+#include "PluginManagerUnderTest.h"
+
+#include "ktr/common/MqttClient.h"
+#include "ktr/common/WebApiBasic.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+
+namespace {
+
+/// What Poco's centre throws at the next registration; null for none.
+std::exception_ptr& centreFailure() {
+    static std::exception_ptr failure;
+    return failure;
+}
+
+} // namespace
+
+// Takes the place of the one in Poco's library, to which it hands on: the only way to see a
+// registration fail.
+void Poco::NotificationCenter::addObserver(const AbstractObserver& observer) {
+    if (centreFailure())
+        std::rethrow_exception(centreFailure());
+    using Function = void (*)(NotificationCenter*, const AbstractObserver&);
+    static const auto real = reinterpret_cast<Function>(
+        dlsym(RTLD_NEXT, "_ZN4Poco18NotificationCenter11addObserverERKNS_16AbstractObserverE"));
+    real(this, observer);
+}
+
+namespace ktr {
+namespace {
+
+using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class ActivationTest : public PluginManagerTest {
+protected:
+    ActivationTest() { MSManager::instance().properties.clear(); }
+    ~ActivationTest() override {
+        centreFailure() = nullptr;
+        NotificationCenter::defaultCenter().removeObserver("MSNotification");
+        MSManager::instance().properties.clear();
+    }
+
+    /// Files a plugin whose factory makes a1, a2 ... for guid "a".
+    std::shared_ptr<Plugin> offer(const std::string& guid) {
+        const auto plugin = file(guid);
+        plugin->factory = [this, guid, made = 0]() mutable {
+            const std::string name = guid + std::to_string(++made);
+            factoryUnderLock.push_back(!registryIsFree());
+            diary.entries.push_back(name + ":made");
+            auto object = std::make_shared<DiaryPlugin>(diary, name);
+            if (prepare)
+                prepare(*object);
+            return object;
+        };
+        return plugin;
+    }
+
+    static void know(const std::string& guid, const std::string& ip, unsigned short port) {
+        MSManager::instance().updateProperty(guid, ip, port);
+    }
+
+    void report(const std::string& guid, const std::string& ip = "10.1.1.1",
+                unsigned short port = 2000) const {
+        Poco::AutoPtr<MSNotification> notification(new MSNotification);
+        notification->setMSGuid(guid);
+        notification->setRpcIp(ip);
+        notification->setRpcPort(port);
+        sOnReport(*notification, webApi, mqttClient);
+    }
+
+    const std::shared_ptr<WebApiBasic> webApi = std::make_shared<WebApiBasic>();
+    const std::shared_ptr<MqttClient> mqttClient = std::make_shared<MqttClient>();
+    /// Applied to every object that a factory makes.
+    std::function<void(DiaryPlugin&)> prepare;
+    std::vector<bool> factoryUnderLock;
+    const LogCapture log;
+};
+
+TEST_F(ActivationTest, RefusesAReportWithoutGuidThenWithoutAddress) {
+    report("", "", 80);
+    report("a", "", 80);
+    EXPECT_THAT(lines(log),
+                ElementsAre(std::tuple(kError, "report recieved guid is empty"),
+                            std::tuple(kError, "report recieved ip is empty")));
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, RefusesReservedPorts) {
+    report("a", "1.2.3.4", 0);
+    report("a", "1.2.3.4", 1024);
+    report("a", "1.2.3.4", 1025);
+    EXPECT_THAT(
+        lines(log),
+        ElementsAre(std::tuple(kError, "report recieved port invalid: 0"),
+                    std::tuple(kError, "report recieved port invalid: 1024"),
+                    std::tuple(kError, "report recieved plugin not found for guid, guid: a, "
+                                       "ip: 1.2.3.4, port: 1025")));
+    EXPECT_THAT(s_plugins_map, IsEmpty());
+    EXPECT_TRUE(registryIsFree());
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, RefusesAPluginThatNeverRegistered) {
+    file("a");
+    s_plugins_map["b"] = nullptr;
+    know("a", "10.0.0.1", 3000);
+    report("a");
+    report("b");
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, "plugin_ptr is null, guid: a"),
+                                        std::tuple(kError, "plugin_ptr is null, guid: b")));
+    EXPECT_TRUE(registryIsFree());
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, RefusesAServiceWithoutAStoredAddress) {
+    const auto plugin = offer("a");
+    report("a");
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, "guid 'a' not exist"),
+                                        std::tuple(kError, "ms is null, guid: a")));
+    EXPECT_FALSE(plugin->instance);
+    EXPECT_THAT(diary.entries, IsEmpty());
+    EXPECT_TRUE(registryIsFree());
+}
+
+TEST_F(ActivationTest, StartsTheObjectOnThePoolWithTheStoredAddress) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    report("a", "10.9.9.9", 9999);
+    EXPECT_THAT(diary.entries, ElementsAre("a1:made", "a1:setEventCallback"));
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_TRUE(registryIsFree());
+    const auto tasks = fakes::tasks();
+    ASSERT_THAT(tasks, SizeIs(1));
+    EXPECT_EQ(tasks[0].pool, "default");
+    EXPECT_EQ(tasks[0].name, "startService");
+    fakes::runTasks();
+    EXPECT_THAT(diary.entries,
+                ElementsAre("a1:made", "a1:setEventCallback", "a1:start 10.0.0.1 3000"));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "starting plugin, guid: a"),
+                                        std::tuple(kInformation, "started plugin, guid: a")));
+    const auto object = std::static_pointer_cast<DiaryPlugin>(plugin->instance);
+    EXPECT_THAT(factoryUnderLock, ElementsAre(true));
+    EXPECT_THAT(object->registryWasFree, ElementsAre(false, true));
+    EXPECT_EQ(object->webApi, webApi);
+    EXPECT_EQ(object->mqttClient, mqttClient);
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, InstallsTheEventIntakeItselfAsTheCallback) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    report("a");
+    auto& callback = plugin->instance->eventCallback;
+    using Function = void (*)(std::string);
+    ASSERT_NE(callback.target<Function>(), nullptr);
+    EXPECT_EQ(*callback.target<Function>(), &sEventCallback);
+}
+
+TEST_F(ActivationTest, HandsOverUnderTheRegistrysLock) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    std::vector<bool> free;
+    fakes::onStart([&] { free.push_back(registryIsFree()); });
+    report("a");
+    EXPECT_THAT(free, ElementsAre(false));
+}
+
+TEST_F(ActivationTest, StartsWithTheAddressThatIsStoredWhenTheTaskRuns) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    report("a");
+    know("a", "10.0.0.2", 3001);
+    fakes::runTasks();
+    EXPECT_EQ(diary.entries.back(), "a1:start 10.0.0.2 3001");
+}
+
+TEST_F(ActivationTest, StopsAndDropsTheFormerObjectBeforeANewOneIsMade) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    s_plugin_cnt = 5;
+    report("a");
+    fakes::runTasks();
+    diary.entries.clear();
+    report("a");
+    EXPECT_THAT(diary.entries,
+                ElementsAre("a1:stop", "a1:destroyed", "a2:made", "a2:setEventCallback"));
+    fakes::runTasks();
+    EXPECT_EQ(diary.entries.back(), "a2:start 10.0.0.1 3000");
+    EXPECT_EQ(s_plugin_cnt, 3);
+}
+
+TEST_F(ActivationTest, AWaitingStartTakesTheObjectThatTheRecordHoldsByThen) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    report("a");
+    report("a");
+    fakes::runTasks();
+    EXPECT_THAT(diary.entries,
+                ElementsAre("a1:made", "a1:setEventCallback", "a1:stop", "a1:destroyed", "a2:made",
+                            "a2:setEventCallback", "a2:start 10.0.0.1 3000",
+                            "a2:start 10.0.0.1 3000"));
+}
+
+TEST_F(ActivationTest, AWaitingStartKeepsTheRecordAliveAfterItWasUnregistered) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    report("a");
+    unregisterPlugin("a");
+    fakes::runTasks();
+    EXPECT_THAT(diary.entries, ElementsAre("a1:made", "a1:setEventCallback",
+                                           "a1:start 10.0.0.1 3000", "a1:destroyed"));
+}
+
+TEST_F(ActivationTest, AnObjectLivesThroughAStartDuringWhichItIsReplaced) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    struct Replaced : DiaryPlugin {
+        using DiaryPlugin::DiaryPlugin;
+        std::function<void()> meanwhile;
+        void start(std::shared_ptr<WebApiBasic> /*webApi*/, std::shared_ptr<MqttClient> /*client*/,
+                   std::string /*ip*/, unsigned short /*port*/) override {
+            note("start begins");
+            meanwhile();
+            note("start ends");
+        }
+    };
+    const auto plugin = s_plugins_map.at("a");
+    plugin->factory = [this] {
+        auto object = std::make_shared<Replaced>(diary, "r");
+        object->meanwhile = [] { PluginUnLoadAll(); };
+        return object;
+    };
+    report("a");
+    fakes::runTasks();
+    EXPECT_THAT(diary.entries, ElementsAre("r:setEventCallback", "r:start begins", "r:stop",
+                                           "r:start ends", "r:destroyed"));
+}
+
+TEST_F(ActivationTest, MakesButDoesNotStartAnObjectWhileThePoolHasNoFreeThread) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    s_plugin_cnt = 1;
+    fakes::setAvailable("default", 0);
+    report("a");
+    report("a");
+    EXPECT_THAT(diary.entries,
+                ElementsAre("a1:made", "a1:setEventCallback", "a1:stop", "a1:destroyed", "a2:made",
+                            "a2:setEventCallback"));
+    EXPECT_TRUE(plugin->instance);
+    EXPECT_EQ(fakes::taskCount(), 0U);
+    EXPECT_THAT(log.messages(), IsEmpty());
+    fakes::setAvailable("default", 1);
+    report("a");
+    fakes::runTasks();
+    EXPECT_EQ(diary.entries.back(), "a3:start 10.0.0.1 3000");
+    EXPECT_EQ(fakes::serverStartedReports(), 1);
+}
+
+TEST_F(ActivationTest, StartsUnderTheLockAndUncountedWhenThePoolRefuses) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    s_plugin_cnt = 1;
+    fakes::failStart(std::make_exception_ptr(Poco::NoThreadAvailableException("all busy")));
+    report("a");
+    EXPECT_THAT(diary.entries,
+                ElementsAre("a1:made", "a1:setEventCallback", "a1:start 10.0.0.1 3000"));
+    EXPECT_THAT(lines(log),
+                ElementsAre(std::tuple(kInformation, Poco::NoThreadAvailableException().what()),
+                            std::tuple(kInformation, "starting plugin, guid: a"),
+                            std::tuple(kInformation, "started plugin, guid: a")));
+    const auto object = std::static_pointer_cast<DiaryPlugin>(plugin->instance);
+    EXPECT_THAT(object->registryWasFree, ElementsAre(false, false));
+    EXPECT_EQ(object->webApi, webApi);
+    EXPECT_EQ(object->mqttClient, mqttClient);
+    EXPECT_EQ(s_plugin_cnt, 1);
+    EXPECT_EQ(fakes::serverStartedReports(), 0);
+    EXPECT_TRUE(registryIsFree());
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, LogsWhatTheFallbackStartThrows) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    prepare = [](DiaryPlugin& object) { object.throwOnStart = true; };
+    fakes::failStart(std::make_exception_ptr(std::runtime_error("pool gone")));
+    report("a");
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "pool gone"),
+                                        std::tuple(kInformation, "starting plugin, guid: a"),
+                                        std::tuple(kCritical, "start failed")));
+    EXPECT_TRUE(plugin->instance);
+    EXPECT_TRUE(registryIsFree());
+}
+
+TEST_F(ActivationTest, LetsAFailedStartLeaveTheTaskUncounted) {
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    s_plugin_cnt = 1;
+    prepare = [](DiaryPlugin& object) { object.throwOnStart = true; };
+    report("a");
+    EXPECT_THROW(fakes::runTasks(), std::runtime_error);
+    EXPECT_EQ(s_plugin_cnt, 1);
+    EXPECT_EQ(fakes::serverStartedReports(), 0);
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "starting plugin, guid: a")));
+}
+
+TEST_F(ActivationTest, KeepsTheFormerObjectWhenItsStopThrows) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    prepare = [](DiaryPlugin& object) { object.throwOnStop = true; };
+    report("a");
+    const auto former = plugin->instance;
+    report("a");
+    EXPECT_THAT(log.texts(kCritical), ElementsAre("stop failed"));
+    EXPECT_EQ(plugin->instance, former);
+    EXPECT_EQ(fakes::taskCount(), 1U);
+    EXPECT_TRUE(registryIsFree());
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, LogsWhatTheFactoryThrows) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    report("a");
+    plugin->factory = []() -> std::shared_ptr<PluginBase> {
+        throw Poco::OutOfMemoryException("factory");
+    };
+    report("a");
+    EXPECT_THAT(log.texts(kCritical), ElementsAre("Out of memory: factory"));
+    EXPECT_FALSE(plugin->instance);
+    EXPECT_TRUE(registryIsFree());
+}
+
+TEST_F(ActivationTest, KeepsAnObjectThatRefusesItsCallbackButDoesNotStartIt) {
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    prepare = [](DiaryPlugin& object) { object.throwOnSetEventCallback = true; };
+    report("a");
+    EXPECT_THAT(log.texts(kCritical), ElementsAre("Data error: callback refused"));
+    EXPECT_TRUE(plugin->instance);
+    EXPECT_EQ(fakes::taskCount(), 0U);
+    EXPECT_TRUE(registryIsFree());
+}
+
+TEST_F(ActivationTest, TellsTheWebHookOnceWhenAsManyStartsEndedAsPluginsWereLoaded) {
+    s_plugin_cnt = 2;
+    for (const char* guid : {"a", "b"}) {
+        offer(guid);
+        know(guid, "10.0.0.1", 3000);
+    }
+    report("a");
+    fakes::runTasks();
+    EXPECT_EQ(fakes::serverStartedReports(), 0);
+    EXPECT_EQ(log.count("edge reportServerStarted"), 0);
+    report("a"); // it is starts that count, not plugins
+    fakes::runTasks();
+    EXPECT_EQ(fakes::serverStartedReports(), 1);
+    EXPECT_THAT(lines(log).back(),
+                testing::Eq(std::tuple(kInformation, std::string("edge reportServerStarted"))));
+    report("b");
+    report("a");
+    fakes::runTasks();
+    EXPECT_EQ(fakes::serverStartedReports(), 1);
+    EXPECT_EQ(log.count("edge reportServerStarted"), 1);
+    EXPECT_EQ(s_plugin_cnt, -2);
+    expectSource(log);
+}
+
+TEST_F(ActivationTest, LetsAFailureOfTheWebHookLeaveTheTask) {
+    s_plugin_cnt = 1;
+    offer("a");
+    know("a", "10.0.0.1", 3000);
+    fakes::failWebHook(std::make_exception_ptr(std::runtime_error("hook")));
+    report("a");
+    EXPECT_THROW(fakes::runTasks(), std::runtime_error);
+    EXPECT_EQ(s_plugin_cnt, 0);
+    EXPECT_EQ(log.count("edge reportServerStarted"), 0);
+}
+
+TEST_F(ActivationTest, AnInstalledApiReactsToAPostedReport) {
+    PluginInstallApi(webApi, mqttClient);
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_EQ(webApi.use_count(), 2);
+    const auto plugin = offer("a");
+    know("a", "10.0.0.1", 3000);
+    Poco::AutoPtr<MSNotification> notification(new MSNotification);
+    notification->setMSGuid("a");
+    notification->setRpcPort(3000);
+    const int references = notification->referenceCount();
+    Poco::NotificationCenter::defaultCenter().postNotification(notification);
+    EXPECT_EQ(notification->referenceCount(), references + 1);
+    fakes::runTasks();
+    EXPECT_EQ(diary.entries.back(), "a1:start 10.0.0.1 3000");
+    const auto object = std::static_pointer_cast<DiaryPlugin>(plugin->instance);
+    EXPECT_EQ(object->webApi, webApi);
+    EXPECT_EQ(object->mqttClient, mqttClient);
+    notification->release(); // the reference that a delivery keeps
+}
+
+TEST_F(ActivationTest, IgnoresOtherNotificationsSilently) {
+    PluginInstallApi(webApi, mqttClient);
+    const Poco::AutoPtr<Poco::Notification> notification(new Poco::Notification);
+    Poco::NotificationCenter::defaultCenter().postNotification(notification);
+    notification->release(); // the reference that a delivery keeps
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(ActivationTest, LogsAFailedInstallationAndThenIsNotInstalled) {
+    centreFailure() = std::make_exception_ptr(Poco::RuntimeException("centre"));
+    PluginInstallApi(webApi, mqttClient);
+    centreFailure() = std::make_exception_ptr(std::runtime_error("memory"));
+    PluginInstallApi(webApi, mqttClient);
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kCritical, "Runtime exception: centre"),
+                                        std::tuple(kCritical, "memory")));
+    EXPECT_EQ(webApi.use_count(), 1);
+    EXPECT_FALSE(Poco::NotificationCenter::defaultCenter().hasObservers());
+    expectSource(log);
+}
+
+} // namespace
+} // namespace ktr
