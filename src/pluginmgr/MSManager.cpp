@@ -60,6 +60,15 @@ int pollExitCode(const ProcessProperty& process) {
     }
 }
 
+// The manager's flags are plain: whoever sets them joins the thread that reads them.
+bool readFlag(const bool& flag) {
+    return flag;
+}
+
+void writeFlag(bool& flag, bool value) {
+    flag = value;
+}
+
 template <class Number>
 bool parseNumber(const std::string& text, Number& value) {
     std::istringstream in(text);
@@ -194,20 +203,20 @@ MSProperty copyMSProperty(const MSProperty& record) {
 }
 
 void MSManager::processCheckThread() {
-    running = true;
+    writeFlag(running, true);
     ExitCodes failedRelaunches;
     do {
-        if (stopped)
+        if (readFlag(stopped))
             return;
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const std::lock_guard<std::mutex> lock(processMutex);
         for (Poco::SharedPtr<ProcessProperty>& process : processes) {
-            if (!running || stopped)
+            if (!readFlag(running) || readFlag(stopped))
                 break;
             if (process)
                 restartIfExited(*process, failedRelaunches);
         }
-    } while (running);
+    } while (readFlag(running));
 }
 
 void MSManager::restartIfExited(ProcessProperty& process, ExitCodes& failedRelaunches) const {
@@ -232,10 +241,10 @@ void MSManager::restartIfExited(ProcessProperty& process, ExitCodes& failedRelau
 }
 
 void MSManager::stop() {
-    if (stopped)
+    if (readFlag(stopped))
         return;
-    running = false;
-    stopped = true;
+    writeFlag(running, false);
+    writeFlag(stopped, true);
     if (checkThread.joinable())
         checkThread.join();
     try {

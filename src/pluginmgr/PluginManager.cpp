@@ -343,10 +343,15 @@ static void sQueueNormal(const std::shared_ptr<Message>& message) {
     }
 }
 
+// Without a lock on purpose: simultaneous first events may replace each other's pool.
+static void sEnsureEventPool() {
+    if (!s_thread_pool)
+        s_thread_pool = sMakeEventPool("eventCallBack");
+}
+
 static void sEventCallback(std::string msg) {
     try {
-        if (!s_thread_pool)
-            s_thread_pool = sMakeEventPool("eventCallBack");
+        sEnsureEventPool();
         Poco::JSON::Parser parser;
         const auto event = parser.parse(msg).extract<Poco::JSON::Object::Ptr>();
         if (!event || !event->has("to"))
@@ -381,14 +386,18 @@ void InitThreadPool() {
 
 // ---- activation
 
+// Whatever object the record holds by now, read without the lock. The copy keeps it alive through
+// its own start, should a report or the shutdown replace it meanwhile.
+static std::shared_ptr<PluginBase> sInstanceOf(const Plugin& plugin) {
+    return plugin.instance;
+}
+
 static void sStart(const std::shared_ptr<Plugin>& plugin, const std::string& guid,
                    const std::shared_ptr<WebApiBasic>& webApi,
                    const std::shared_ptr<MqttClient>& mqttClient,
                    const Poco::SharedPtr<MSProperty>& ms) {
     KTR_LOG(information, Poco::format("starting plugin, guid: %s", guid));
-    // Whatever object the record holds by now, read without the lock. The copy keeps it alive
-    // through its own start, should a report or the shutdown replace it meanwhile.
-    const std::shared_ptr<PluginBase> instance = plugin->instance;
+    const std::shared_ptr<PluginBase> instance = sInstanceOf(*plugin);
     const MSProperty address = copyMSProperty(*ms);
     instance->start(webApi, mqttClient, address.ip, address.port);
     KTR_LOG(information, Poco::format("started plugin, guid: %s", guid));
