@@ -84,9 +84,8 @@ protected:
 TEST_F(ActivationTest, RefusesAReportWithoutGuidThenWithoutAddress) {
     report("", "", 80);
     report("a", "", 80);
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kError, "report recieved guid is empty"),
-                            std::tuple(kError, "report recieved ip is empty")));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, "report recieved guid is empty"),
+                                        std::tuple(kError, "report recieved ip is empty")));
     expectSource(log);
 }
 
@@ -200,10 +199,9 @@ TEST_F(ActivationTest, AWaitingStartTakesTheObjectThatTheRecordHoldsByThen) {
     report("a");
     report("a");
     fakes::runTasks();
-    EXPECT_THAT(diary.entries,
-                ElementsAre("a1:made", "a1:setEventCallback", "a1:stop", "a1:destroyed", "a2:made",
-                            "a2:setEventCallback", "a2:start 10.0.0.1 3000",
-                            "a2:start 10.0.0.1 3000"));
+    EXPECT_THAT(diary.entries, ElementsAre("a1:made", "a1:setEventCallback", "a1:stop",
+                                           "a1:destroyed", "a2:made", "a2:setEventCallback",
+                                           "a2:start 10.0.0.1 3000", "a2:start 10.0.0.1 3000"));
 }
 
 TEST_F(ActivationTest, AWaitingStartKeepsTheRecordAliveAfterItWasUnregistered) {
@@ -248,9 +246,8 @@ TEST_F(ActivationTest, MakesButDoesNotStartAnObjectWhileThePoolHasNoFreeThread) 
     fakes::setAvailable("default", 0);
     report("a");
     report("a");
-    EXPECT_THAT(diary.entries,
-                ElementsAre("a1:made", "a1:setEventCallback", "a1:stop", "a1:destroyed", "a2:made",
-                            "a2:setEventCallback"));
+    EXPECT_THAT(diary.entries, ElementsAre("a1:made", "a1:setEventCallback", "a1:stop",
+                                           "a1:destroyed", "a2:made", "a2:setEventCallback"));
     EXPECT_TRUE(plugin->instance);
     EXPECT_EQ(fakes::taskCount(), 0U);
     EXPECT_THAT(log.messages(), IsEmpty());

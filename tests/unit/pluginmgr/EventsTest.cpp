@@ -89,9 +89,8 @@ TEST_F(EventIntakeTest, TriesAgainForTheNormalPoolWithTheNextEvent) {
     EXPECT_THAT(s_transform_message_queue, testing::Pointee(IsEmpty()));
     fakes::failPools(std::make_exception_ptr(std::runtime_error("no memory")));
     sEventCallback(kNormal);
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kCritical, "System exception: no thread"),
-                            std::tuple(kCritical, "no memory")));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kCritical, "System exception: no thread"),
+                                        std::tuple(kCritical, "no memory")));
     fakes::failPools(nullptr);
     sEventCallback(kNormal);
     EXPECT_NE(s_thread_pool, nullptr);
@@ -198,9 +197,8 @@ TEST_F(EventIntakeTest, EmptiesTheRapidQueueWithTheTwentySecondPendingEvent) {
     sEventCallback(last);
     EXPECT_THAT(texts(*s_rapid_transform_message_queue), ElementsAre(last));
     EXPECT_TRUE(s_is_discard_message);
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kInformation,
-                                       "sEventCallback recive service's msg cnt: 0")));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation,
+                                                   "sEventCallback recive service's msg cnt: 0")));
     expectSource(log);
 }
 
@@ -318,8 +316,8 @@ protected:
     static std::shared_ptr<Message> message(const std::string& text) {
         auto made = std::make_shared<Message>();
         made->text = text;
-        made->to = Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>()->getArray(
-            "to");
+        made->to =
+            Poco::JSON::Parser().parse(text).extract<Poco::JSON::Object::Ptr>()->getArray("to");
         return made;
     }
 
@@ -404,9 +402,8 @@ TEST_F(DeliveryTest, CostsOnlyTheRecipientThatThrows) {
     };
     deliver(batch({R"({"to":["a","b"]})", R"({"to":["a","b"],"kind":"poco"})"}));
     EXPECT_THAT(diary.entries, SizeIs(4));
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kError, failure("no %s today")),
-                            std::tuple(kError, failure("Data error: refused"))));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, failure("no %s today")),
+                                        std::tuple(kError, failure("Data error: refused"))));
     EXPECT_TRUE(registryIsFree());
     expectSource(log);
 }

@@ -76,14 +76,13 @@ TEST_F(LoadingTest, ListsThePluginsBelowTheCurrentPath) {
 TEST_F(LoadingTest, FilesACompletePluginBeforeItsPluginLoadAndCountsItAfterwards) {
     const std::string path = fixture("Complete");
     load({path});
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kInformation, "plugin type: -7"),
-                            std::tuple(kInformation, "plugin name: fixture"),
-                            std::tuple(kInformation, "plugin guid: complete"),
-                            std::tuple(kInformation, "plugin regist, guid: complete"),
-                            std::tuple(kInformation, "plugin regist, guid: complete"),
-                            std::tuple(kInformation, "plugin '" + path + "' loaded"),
-                            std::tuple(kInformation, "load plugin count: 1")));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "plugin type: -7"),
+                                        std::tuple(kInformation, "plugin name: fixture"),
+                                        std::tuple(kInformation, "plugin guid: complete"),
+                                        std::tuple(kInformation, "plugin regist, guid: complete"),
+                                        std::tuple(kInformation, "plugin regist, guid: complete"),
+                                        std::tuple(kInformation, "plugin '" + path + "' loaded"),
+                                        std::tuple(kInformation, "load plugin count: 1")));
     EXPECT_THAT(called(), ElementsAre("PluginType", "PluginName", "PluginGuid", "PluginLoad"));
     for (const Call& call : calls()) {
         EXPECT_TRUE(call.registryWasFree) << call.what;
@@ -112,11 +111,10 @@ TEST_F(LoadingTest, KeepsWhatThePluginSaysOfItself) {
 TEST_F(LoadingTest, LoadsAPluginThatOffersOnlyLoadAndGuid) {
     const std::string path = fixture("Minimal");
     load({path});
-    EXPECT_THAT(
-        log.texts(kError),
-        ElementsAre("interface 'PluginUnLoad' not exist, plugin: " + path,
-                    "interface 'PluginType' not exist, plugin: " + path,
-                    "interface 'PluginName' not exist, plugin: " + path));
+    EXPECT_THAT(log.texts(kError),
+                ElementsAre("interface 'PluginUnLoad' not exist, plugin: " + path,
+                            "interface 'PluginType' not exist, plugin: " + path,
+                            "interface 'PluginName' not exist, plugin: " + path));
     const std::shared_ptr<Plugin> plugin = s_plugins_map.at("minimal");
     EXPECT_EQ(plugin->type, 0);
     EXPECT_EQ(plugin->name, "");
@@ -211,8 +209,7 @@ TEST_F(LoadingTest, GoesOnWithWhatWasListedWhenTheListingThrows) {
     load({fixture("Complete")});
     fakes::failListing(std::make_exception_ptr(std::runtime_error("disk gone")));
     load({});
-    EXPECT_THAT(log.texts(kCritical),
-                ElementsAre("Access to file denied: plugins", "disk gone"));
+    EXPECT_THAT(log.texts(kCritical), ElementsAre("Access to file denied: plugins", "disk gone"));
     EXPECT_EQ(log.count("load plugin count: 1"), 2);
 }
 
@@ -287,11 +284,10 @@ TEST_F(UnloadingTest, StopsThenDropsTheObjectUnderTheLock) {
     }
     EXPECT_THAT(diary.entries, ElementsAre("a:stop", "a:destroyed"));
     EXPECT_THAT(free, ElementsAre(false));
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kInformation,
-                                       "----before PluginUnLoadAll-plugin: name of a"),
-                            std::tuple(kInformation,
-                                       "----end PluginUnLoadAll-plugin: name of a")));
+    EXPECT_THAT(
+        lines(log),
+        ElementsAre(std::tuple(kInformation, "----before PluginUnLoadAll-plugin: name of a"),
+                    std::tuple(kInformation, "----end PluginUnLoadAll-plugin: name of a")));
     EXPECT_THAT(s_plugins_map, IsEmpty());
     EXPECT_EQ(s_plugin_cnt, 0);
     EXPECT_TRUE(registryIsFree());
@@ -330,9 +326,8 @@ TEST_F(UnloadingTest, LeavesTheRestAsItIsWhenAStopThrows) {
     const std::string before = s_plugins_map.begin()->first;
     (before == "a" ? first : second)->throwOnStop = true;
     _loop_thread_get_cpu_temp_run = true;
-    _loop_thread_get_cpu_temp = std::thread([] {
-        waitUntil([] { return !_loop_thread_get_cpu_temp_run; });
-    });
+    _loop_thread_get_cpu_temp =
+        std::thread([] { waitUntil([] { return !_loop_thread_get_cpu_temp_run; }); });
     PluginUnLoadAll();
     EXPECT_THAT(log.texts(kCritical), ElementsAre("stop failed"));
     EXPECT_THAT(diary.entries, ElementsAre(before + ":stop"));

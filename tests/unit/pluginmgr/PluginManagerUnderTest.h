@@ -96,8 +96,8 @@ protected:
     }
 
     /// Priority, text and source of what was logged, oldest first.
-    static std::vector<std::tuple<Poco::Message::Priority, std::string>> lines(
-        const LogCapture& log) {
+    static std::vector<std::tuple<Poco::Message::Priority, std::string>>
+    lines(const LogCapture& log) {
         std::vector<std::tuple<Poco::Message::Priority, std::string>> found;
         for (const Poco::Message& message : log.messages())
             found.emplace_back(message.getPriority(), message.getText());

@@ -242,9 +242,8 @@ TEST_F(CpuTemperatureTest, LogsAFileThatCannotBeOpened) {
     const int temperature = sReadCpuTemperature((folder / "temp").string());
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
     EXPECT_EQ(temperature, 0);
-    EXPECT_THAT(lines(log),
-                ElementsAre(std::tuple(kInformation,
-                                       "getCpuTemperature failed, msg: Cannot open file")));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(
+                                kInformation, "getCpuTemperature failed, msg: Cannot open file")));
     expectSource(log);
 }
 

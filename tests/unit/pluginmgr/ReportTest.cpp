@@ -283,8 +283,7 @@ TEST_F(ReportTest, TakesReportsFromManyThreads) {
             for (int n = 0; n < 10; ++n) {
                 fakes::FakeResponse response;
                 fakes::FakeRequest request(kUri, response);
-                manager.reportProcess(request, response,
-                                      with("guid", std::to_string(i * 10 + n)));
+                manager.reportProcess(request, response, with("guid", std::to_string(i * 10 + n)));
                 manager.getMSProperty("0");
             }
         });
