@@ -6,7 +6,9 @@
 #include "ktr/common/WebApiBasic.h"
 
 #include <fstream>
-#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace ktr {
 namespace {
@@ -233,18 +235,18 @@ TEST_F(CpuTemperatureTest, ReadsNoMoreThanTheFirst255Characters) {
 }
 
 TEST_F(CpuTemperatureTest, LogsAFileThatCannotBeOpened) {
-    ASSERT_EQ(read("52000"), 52);
-    // Not even root opens a file without a descriptor.
-    rlimit former{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
-    const rlimit none{0, former.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int temperature = sReadCpuTemperature((folder / "temp").string());
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
-    EXPECT_EQ(temperature, 0);
+    // Not even root opens a socket as a file.
+    const std::string path = (folder / "temp").string();
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(sReadCpuTemperature(path), 0);
     EXPECT_THAT(lines(log), ElementsAre(std::tuple(
                                 kInformation, "getCpuTemperature failed, msg: Cannot open file")));
     expectSource(log);
+    close(descriptor);
 }
 
 TEST_F(CpuTemperatureTest, OfThisMachineIsThatOfItsThermalFile) {
