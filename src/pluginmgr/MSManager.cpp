@@ -60,15 +60,6 @@ int pollExitCode(const ProcessProperty& process) {
     }
 }
 
-// The manager's flags are plain: whoever sets them joins the thread that reads them.
-bool readFlag(const bool& flag) {
-    return flag;
-}
-
-void writeFlag(bool& flag, bool value) {
-    flag = value;
-}
-
 template <class Number>
 bool parseNumber(const std::string& text, Number& value) {
     std::istringstream in(text);
@@ -203,20 +194,20 @@ MSProperty copyMSProperty(const MSProperty& record) {
 }
 
 void MSManager::processCheckThread() {
-    writeFlag(running, true);
+    running = true;
     ExitCodes failedRelaunches;
     do {
-        if (readFlag(stopped))
+        if (stopped)
             return;
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const std::lock_guard<std::mutex> lock(processMutex);
         for (Poco::SharedPtr<ProcessProperty>& process : processes) {
-            if (!readFlag(running) || readFlag(stopped))
+            if (!running || stopped)
                 break;
             if (process)
                 restartIfExited(*process, failedRelaunches);
         }
-    } while (readFlag(running));
+    } while (running);
 }
 
 void MSManager::restartIfExited(ProcessProperty& process, ExitCodes& failedRelaunches) const {
@@ -241,10 +232,10 @@ void MSManager::restartIfExited(ProcessProperty& process, ExitCodes& failedRelau
 }
 
 void MSManager::stop() {
-    if (readFlag(stopped))
+    if (stopped)
         return;
-    writeFlag(running, false);
-    writeFlag(stopped, true);
+    running = false;
+    stopped = true;
     if (checkThread.joinable())
         checkThread.join();
     try {
