@@ -2,19 +2,17 @@
 
 #include "ktr/common/Logger.h"
 
-#include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/Net/SocketAddress.h>
 
-#include <algorithm>
-#include <cctype>
 #include <charconv>
-#include <cstring>
-#include <exception>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <system_error>
 
 namespace ktr {
 namespace {

@@ -51,7 +51,7 @@ public:
 
     static std::string passwordFile(const TempDir& folder, const std::string& user,
                                     const std::string& password) {
-        const std::string name = (folder / "passwords").string();
+        std::string name = (folder / "passwords").string();
         const std::vector<std::string> command{
             "/usr/bin/mosquitto_passwd", "-b", "-c", name, user, password};
         if (ChildProcess(command, "/dev/null").wait() != 0)

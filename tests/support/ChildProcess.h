@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <stdexcept>
 #include <string>
@@ -17,6 +17,7 @@ class ChildProcess {
 public:
     ChildProcess(std::vector<std::string> command, const std::string& outputFile) {
         std::vector<char*> arguments;
+        arguments.reserve(command.size() + 1);
         for (std::string& argument : command)
             arguments.push_back(argument.data());
         arguments.push_back(nullptr);

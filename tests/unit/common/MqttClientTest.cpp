@@ -15,9 +15,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
@@ -460,42 +460,40 @@ TEST(MqttClient, replacesTheHandlerOfAFilter) {
     EXPECT_EQ(former.size(), 0U);
 }
 
-TEST(MqttClient, unsubscribeWaitsForARunningHandler) {
+/// Has `end` called while a handler is running; whether it returned only after the handler.
+void expectToWaitForAHandler(const std::function<void(MqttClient&)>& end) {
     const Broker broker;
     MqttClient client(settingsFor(broker.url()));
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool mayLeave = false;
+    std::atomic<bool> entered{false};
+    std::atomic<bool> mayLeave{false};
     std::atomic<bool> left{false};
     client.subscribe("a", 1, [&](const MqttClient::Message&) {
-        std::unique_lock<std::mutex> lock(mutex);
         entered = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return mayLeave; });
+        waitUntil([&] { return mayLeave.load(); });
         left = true;
     });
     connectAndWait(client);
     client.publish({"a", "", 1, false});
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return entered; }));
-    }
+    ASSERT_TRUE(waitUntil([&] { return entered.load(); }));
     std::atomic<bool> leftAtReturn{false};
     std::atomic<bool> returned{false};
     std::thread caller([&] {
-        client.unsubscribe("a");
+        end(client);
         leftAtReturn = left.load();
         returned = true;
     });
-    EXPECT_FALSE(waitUntil([&] { return returned.load(); }, std::chrono::milliseconds(100)));
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        mayLeave = true;
-        changed.notify_all();
-    }
+    EXPECT_FALSE(waitUntil([&] { return returned.load(); }, std::chrono::milliseconds(200)));
+    mayLeave = true;
     caller.join();
     EXPECT_TRUE(leftAtReturn);
+}
+
+TEST(MqttClient, unsubscribeWaitsForARunningHandler) {
+    expectToWaitForAHandler([](MqttClient& client) { client.unsubscribe("a"); });
+}
+
+TEST(MqttClient, disconnectWaitsForARunningHandler) {
+    expectToWaitForAHandler([](MqttClient& client) { client.disconnect(); });
 }
 
 TEST(MqttClient, letsAHandlerPublishSubscribeAndUnsubscribe) {
