@@ -316,7 +316,8 @@ TEST_F(WebApiBasicTest, GetsTheRefusalToAClientThatIsStillSending) {
     serve();
     RawClient client(address);
     // more than the kernel holds for both ends
-    const std::string body(12'000'000, 'a');
+    std::string body;
+    body.resize(12'000'000, 'a');
     client.send("POST /x HTTP/1.1\r\nContent-Length: 12000000\r\n\r\n" + body);
     EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 413"));
 }
@@ -560,9 +561,11 @@ TEST_F(WebApiBasicTest, TakesTheMembersOfAJsonObject) {
 TEST_F(WebApiBasicTest, RefusesBodiesAndQueriesThatDoNotParse) {
     keepParameters("/x");
     serve();
+    std::string unclosed;
+    unclosed.resize(200'000, '[');
     for (const std::string& body :
-         {std::string("{\"a\":"), std::string("{} {}"), std::string("nothing"),
-          std::string(200'000, '['), std::string("{\"a\":99999999999999999999999}")}) {
+         {std::string("{\"a\":"), std::string("{} {}"), std::string("nothing"), unclosed,
+          std::string("{\"a\":99999999999999999999999}")}) {
         const Reply reply = call("POST", "/x", "application/json", body);
         EXPECT_EQ(reply.status, 400) << body.substr(0, 30);
         EXPECT_THAT(message(reply), StartsWith("the body is malformed: "));
@@ -763,8 +766,12 @@ TEST_F(WebApiBasicTest, UnregistersOnlyAfterTheLastCallAndWithTheHandlerGone) {
     Gate gate;
     auto token = std::make_shared<int>(0);
     const std::weak_ptr<int> alive = token;
-    api.apiRegist("/x",
-                  [&gate, kept = std::move(token)](auto&, auto&, const auto&) { gate.pass(); });
+    // only the first call waits: a probe below may still come before the removal
+    std::atomic<bool> called{false};
+    api.apiRegist("/x", [&gate, &called, kept = std::move(token)](auto&, auto&, const auto&) {
+        if (!called.exchange(true))
+            gate.pass();
+    });
     serve();
     RawClient client(address);
     client.send("GET /x HTTP/1.1\r\n\r\n");
@@ -998,7 +1005,8 @@ TEST_F(WebApiBasicTest, StopsAtOnceWhenClientsStallAndLeavesNothingBehind) {
         ASSERT_TRUE(waitUntil([&] { return threadCount() == threads + 6; }));
         const auto start = Clock::now();
         api.stop();
-        EXPECT_LT(Clock::now() - start, 500ms);
+        // milliseconds on an idle machine; a stop that waits for a client takes 10 s or more
+        EXPECT_LT(Clock::now() - start, 2s);
         for (const auto& client : clients)
             EXPECT_TRUE(client->closedByServer());
     }
