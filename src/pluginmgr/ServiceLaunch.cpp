@@ -14,13 +14,11 @@ namespace {
 thread_local bool launching = false;
 
 void resetSignals() {
-    for (int number = 1; number < NSIG; ++number) {
-        struct sigaction action {};
-        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
-            action.sa_handler = SIG_DFL;
-            sigaction(number, &action, nullptr);
-        }
-    }
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    // refused for the few that cannot be changed
+    for (int number = 1; number < NSIG; ++number)
+        sigaction(number, &standard, nullptr);
     sigset_t none;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);

@@ -67,7 +67,13 @@ public:
         node->pocoObserver =
             new Poco::Observer<Observer, Poco::Notification>(*node->observer, &Observer::handle);
         Poco::NotificationCenter::defaultCenter().addObserver(*node->pocoObserver);
-        observers[name] = node;
+        try {
+            observers[name] = node;
+        } catch (...) {
+            // Poco's copy must not outlive the observer that it points at
+            Poco::NotificationCenter::defaultCenter().removeObserver(*node->pocoObserver);
+            throw;
+        }
     }
 
     /// Ends the registration `name`: takes it out of Poco's centre, waits until its handler no
