@@ -1,0 +1,33 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace ktr::host {
+
+/// How ketra-host ends, after sysexits.h where that has a word for it. 0: asked to stop, and did.
+enum ExitCode : int {
+    /// A bad option, or a bad value of an option.
+    ExitUsage = 64,
+    /// Something failed that should not: a plugin threw what nobody catches, a defect.
+    ExitSoftware = 70,
+    /// The operating system refused: the port is in use, no thread or descriptor left.
+    ExitSystem = 71,
+    /// A step of the shutdown, or of a start-up that was told to end, did not finish in time.
+    ExitHung = 75,
+    /// The root or the configuration file cannot be used.
+    ExitConfig = 78,
+};
+
+/// Ends the start-up. The text is the one line for the operator: the cause and the remedy.
+class StartError : public std::runtime_error {
+public:
+    StartError(ExitCode code_, const std::string& line) : std::runtime_error(line), code(code_) {}
+
+    ExitCode exitCode() const { return code; }
+
+private:
+    ExitCode code;
+};
+
+} // namespace ktr::host

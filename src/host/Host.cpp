@@ -1,0 +1,214 @@
+#include "Host.h"
+
+#include "ExitCode.h"
+#include "Temperature.h"
+
+#include "ktr/MSManager.h"
+#include "ktr/PluginManager.h"
+#include "ktr/common/Logger.h"
+#include "ktr/common/NotificationCenter.h"
+#include "ktr/common/ThreadPool.h"
+#include "ktr/common/WebHookBasic.h"
+
+#include <Poco/Exception.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <system_error>
+
+namespace ktr::host {
+namespace {
+
+std::shared_ptr<MqttClient> makeMqttClient(const Settings& settings) {
+    if (settings.mqtt.url.empty())
+        return std::make_shared<MqttClient>();
+    try {
+        return std::make_shared<MqttClient>(settings.mqtt);
+    } catch (const Poco::InvalidArgumentException& e) {
+        settings.raw.reject("mqtt.url", "cannot be used: " + e.message());
+    }
+}
+
+void configureWebHook(const Settings& settings) {
+    try {
+        WebHookBasic::defaultWebHook()->configure(settings.webHook);
+    } catch (const Poco::InvalidArgumentException& e) {
+        settings.raw.reject("webhook.url", "cannot be used: " + e.message());
+    }
+}
+
+void enterRoot(const Settings& settings) {
+    std::error_code error;
+    // the directory is read now, since an unreadable one would look like an empty one later
+    const std::filesystem::directory_iterator readable(settings.root, error);
+    if (!error)
+        std::filesystem::current_path(settings.root, error);
+    if (error)
+        throw StartError(ExitConfig, "root " + settings.root + " cannot be used (" +
+                                         error.message() +
+                                         "); name with --root a directory that the host may enter "
+                                         "and read");
+}
+
+/// Both pools of events exist from here on, so that no plugin's first event has to make one.
+void makeEventPools() {
+    InitThreadPool();
+    std::string event = R"({"to":[]})";
+    publishMsgToAllPlugin(event);
+}
+
+std::string bindRemedy(int error) {
+    switch (error) {
+    case EADDRINUSE:
+        return "end the program that holds the port, or choose another with --port (0: a free one)";
+    case EADDRNOTAVAIL:
+        return "choose an address of this machine with --bind";
+    case EACCES:
+        return "choose a port above 1023 with --port";
+    default:
+        return "choose other values with --bind and --port";
+    }
+}
+
+/// What a failed step of the start-up is for the operator.
+[[noreturn]] void rethrowNaming(const char* step) {
+    const std::string where = std::string("start-up failed at step '") + step + "': ";
+    try {
+        throw;
+    } catch (const StartError&) {
+        throw;
+    } catch (const Poco::Exception& e) {
+        throw StartError(ExitSoftware, where + e.displayText() + "; the log tells more");
+    } catch (const std::system_error& e) {
+        throw StartError(ExitSystem, where + e.what() + "; the system may be out of resources");
+    } catch (const std::exception& e) {
+        throw StartError(ExitSoftware, where + e.what() + "; the log tells more");
+    } catch (...) {
+        throw StartError(ExitSoftware,
+                         where + "an exception of unknown type, as only a plugin throws it; remove "
+                                 "the plugin that the log's last lines name");
+    }
+}
+
+void logFailedStep(const char* step) {
+    std::string reason = "exception of unknown type";
+    try {
+        throw;
+    } catch (const Poco::Exception& e) {
+        reason = e.displayText();
+    } catch (const std::exception& e) {
+        reason = e.what();
+    } catch (...) {
+        // the reason stands
+    }
+    if (cachedLogger().critical())
+        cachedLogger().critical("shutdown step '" + std::string(step) + "' failed: " + reason,
+                                __FILE__, __LINE__);
+}
+
+} // namespace
+
+Host::Host(const Settings& settings_, StopControl& stop_)
+    : settings(settings_), stop(stop_), webApi(WebApiBasic::instance()),
+      mqttClient(makeMqttClient(settings)) {
+    configureWebHook(settings);
+}
+
+void Host::run() {
+    try {
+        startUp();
+        stop.wait();
+        if (cachedLogger().information())
+            cachedLogger().information("host ends: " + stop.reason(), __FILE__, __LINE__);
+    } catch (const StartError& e) {
+        stop.request("start-up failed");
+        shutDown();
+        throw;
+    }
+    shutDown();
+}
+
+void Host::startUp() {
+    // Listens first, so that the port is known to the services and an early report waits; serves
+    // last, so that somebody is there to act upon it.
+    const std::vector<Step> steps{
+        {"enter root", [this] { enterRoot(settings); }},
+        {"bind", [this] { bind(); }},
+        {"make event pools", makeEventPools},
+        {"load plugins", PluginLoadAll},
+        {"start services",
+         [this] { MSManager::instance().start(address.host().toString(), address.port()); }},
+        {"connect mqtt", [this] { mqttClient->connect(); }},
+        {"install plugin api", [this] { PluginInstallApi(webApi, mqttClient); }},
+        {"serve", [this] { webApi->serve(); }},
+        {"start temperature thread",
+         [this] { startTemperatureThread(settings.temperaturePeriod); }},
+        {"run", [this] { tellReady(); }},
+    };
+    for (const Step& step : steps) {
+        if (stop.requested())
+            return;
+        stop.enter(step.name);
+        try {
+            step.work();
+        } catch (...) {
+            rethrowNaming(step.name);
+        }
+    }
+}
+
+void Host::shutDown() {
+    // Nobody reports any more, then no report is served, then no accepted start waits: only now may
+    // the plugins' objects go.
+    const std::vector<Step> steps{
+        {"stop services", [] { MSManager::instance().stop(); }},
+        {"stop serving", [this] { webApi->stop(); }},
+        {"finish plugin starts", [] { ThreadPool::defaultPool().joinAll(); }},
+        {"unload plugins", PluginUnLoadAll},
+        {"stop temperature thread", stopTemperatureThread},
+        {"remove plugin api",
+         [] { NotificationCenter::defaultCenter().removeObserver("MSNotification"); }},
+        {"disconnect mqtt", [this] { mqttClient->disconnect(); }},
+        {"stop web hook", [this] { stopWebHook(); }},
+    };
+    for (const Step& step : steps) {
+        stop.enter(step.name);
+        try {
+            step.work();
+        } catch (...) {
+            logFailedStep(step.name);
+        }
+    }
+    stop.enter("end of the process");
+}
+
+void Host::bind() {
+    webApi->setLimits(settings.limits);
+    try {
+        address = webApi->bind(settings.bind, settings.port);
+    } catch (const Poco::Exception& e) {
+        throw StartError(ExitSystem, "cannot listen on " + settings.bind + " port " +
+                                         std::to_string(settings.port) + " (" + e.displayText() +
+                                         "); " + bindRemedy(e.code()));
+    }
+}
+
+void Host::tellReady() {
+    const std::string line = "ketra-host ready on http://" + address.toString();
+    if (cachedLogger().information())
+        cachedLogger().information(line, __FILE__, __LINE__);
+    std::cout << line << std::endl;
+}
+
+// A last attempt must not use up what the watch over the shutdown still gives.
+void Host::stopWebHook() {
+    const auto grace = std::min(std::chrono::milliseconds(2000), stop.remaining() / 2);
+    WebHookBasic::defaultWebHook()->stop(
+        Poco::Timespan(std::chrono::duration_cast<std::chrono::microseconds>(grace).count()));
+}
+
+} // namespace ktr::host

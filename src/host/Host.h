@@ -1,0 +1,47 @@
+#pragma once
+
+#include "Settings.h"
+#include "StopControl.h"
+
+#include "ktr/common/MqttClient.h"
+#include "ktr/common/WebApiBasic.h"
+
+#include <Poco/Net/SocketAddress.h>
+
+#include <functional>
+#include <memory>
+
+namespace ktr::host {
+
+/// Runs the libraries: brings them up in order, waits until it is told to end, takes them down in
+/// order. One thread calls it.
+class Host {
+public:
+    /// `stop_` outlives the host. Throws StartError for an URL that cannot be used.
+    Host(const Settings& settings_, StopControl& stop_);
+
+    /// Returns when everything has been taken down, also after a request to stop that comes while
+    /// it still starts: the running step ends, the others are left out. Throws StartError if a step
+    /// of the start-up fails, after taking down what was up.
+    void run();
+
+private:
+    struct Step {
+        const char* name;
+        std::function<void()> work;
+    };
+
+    void startUp();
+    void shutDown();
+    void bind();
+    void tellReady();
+    void stopWebHook();
+
+    const Settings settings;
+    StopControl& stop;
+    const std::shared_ptr<WebApiBasic> webApi;
+    const std::shared_ptr<MqttClient> mqttClient;
+    Poco::Net::SocketAddress address;
+};
+
+} // namespace ktr::host
