@@ -1,0 +1,110 @@
+#include "support/FreePort.h"
+#include "support/HostProcess.h"
+#include "support/HttpPeer.h"
+#include "support/PuppetClient.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+namespace ktr::test {
+namespace {
+
+using testing::HasSubstr;
+
+class ReportTest : public testing::Test {
+protected:
+    DeviceRoot root;
+};
+
+TEST_F(ReportTest, AServicesReportStartsItsPluginAndTellsTheWebHookOnce) {
+    const HttpPeer hook;
+    root.addPlugin("thermo");
+    const std::string service = root.addService("guid=thermo\nport=41234");
+    HostProcess host(root, {"--webhook-url=" + hook.url()});
+    ASSERT_TRUE(host.waitReady()) << host.err();
+
+    const PuppetClient plugin(host.port(), "thermo");
+    ASSERT_TRUE(plugin.waitStarted()) << host.err();
+    EXPECT_EQ(plugin.state()->getValue<std::string>("ip"), "127.0.0.1");
+    EXPECT_EQ(plugin.state()->getValue<int>("port"), 41234);
+    EXPECT_FALSE(plugin.state()->getValue<bool>("mqttConnected"));
+    EXPECT_TRUE(waitUntil(
+        [&] { return root.note(service, "answers") == "{\"code\":0,\"msg\":\"success\"}\n"; }));
+    EXPECT_TRUE(host.waitLogged("edge reportServerStarted"));
+    ASSERT_TRUE(waitUntil([&] { return hook.count() > 0; }));
+    EXPECT_THAT(hook.posts().front().body, HasSubstr("\"serverStarted\""));
+
+    // a further report starts the plugin anew, but the host has started already
+    EXPECT_EQ(plugin.report(41235).body, "{\"code\":0,\"msg\":\"success\"}");
+    EXPECT_TRUE(host.waitLogged("started plugin, guid: thermo", 2));
+    ASSERT_TRUE(plugin.waitStarted());
+    EXPECT_EQ(plugin.state()->getValue<int>("port"), 41235);
+    EXPECT_EQ(plugin.state()->getValue<int>("stops"), 1);
+
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+    EXPECT_EQ(hook.count(), 1U);
+    EXPECT_EQ(countOf(host.err(), "edge reportServerStarted"), 1);
+}
+
+TEST_F(ReportTest, TheWebHookIsToldOnlyAfterTheLastPluginHasStarted) {
+    const HttpPeer hook;
+    root.addPlugin("first");
+    root.addPlugin("second");
+    HostProcess host(root, {"--webhook-url=" + hook.url()});
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    PuppetClient(host.port(), "first").report(41000);
+    ASSERT_TRUE(host.waitLogged("started plugin, guid: first"));
+    EXPECT_EQ(countOf(host.err(), "edge reportServerStarted"), 0);
+    PuppetClient(host.port(), "second").report(41001);
+    EXPECT_TRUE(host.waitLogged("edge reportServerStarted"));
+    EXPECT_TRUE(waitUntil([&] { return hook.count() == 1; }));
+}
+
+// A service that outlived an earlier host knows the port and reports while this host still loads.
+TEST_F(ReportTest, AnEarlyReportWaitsUntilThereIsSomebodyToActUponIt) {
+    root.addPlugin("early");
+    root.addPlugin("slow", "load=hold\n");
+    const unsigned short port = freePort();
+    HostProcess host(root, {"--port=" + std::to_string(port)});
+    ASSERT_TRUE(waitUntil([&] { return root.isHeld("slow", "load"); })) << host.err();
+
+    const PuppetClient plugin(port, "early");
+    auto answer = std::async(std::launch::async, [&] { return plugin.report(41002); });
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
+    EXPECT_EQ(host.out(), "");
+    root.letGo("slow", "load");
+
+    EXPECT_EQ(answer.get().body, "{\"code\":0,\"msg\":\"success\"}");
+    EXPECT_TRUE(plugin.waitStarted()) << host.err();
+    EXPECT_EQ(plugin.state()->getValue<int>("port"), 41002);
+}
+
+TEST_F(ReportTest, APluginThatThrowsCostsItselfOnly) {
+    root.addPlugin("bad-load", "load=throw\n");
+    root.addPlugin("bad-start", "start=throw\n");
+    root.addPlugin("good");
+    HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    EXPECT_THAT(host.err(), HasSubstr("puppet bad-load throws in load"));
+    PuppetClient(host.port(), "bad-start").report(41003);
+    EXPECT_TRUE(host.waitLogged("puppet bad-start throws in start"));
+    const PuppetClient good(host.port(), "good");
+    good.report(41004);
+    EXPECT_TRUE(good.waitStarted());
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+}
+
+TEST_F(ReportTest, APluginThatThrowsWhatNobodyCatchesEndsTheStartUpWith70) {
+    root.addPlugin("worst", "load=throw-int\n");
+    HostProcess host(root);
+    EXPECT_EQ(host.waitForExit(), 70);
+    EXPECT_THAT(host.err(), HasSubstr("\nketra-host: start-up failed at step 'load plugins'"));
+    EXPECT_EQ(host.out(), "");
+}
+
+} // namespace
+} // namespace ktr::test
