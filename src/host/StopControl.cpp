@@ -81,6 +81,10 @@ StopControl::StopControl(const sigset_t& signals, std::chrono::seconds timeout_)
 }
 
 void StopControl::enter(const char* step) {
+    std::unique_lock<std::mutex> lock(mutex);
+    // What hung may go on when the services are killed, but the end is decided: nobody waits here
+    // for more than that.
+    changed.wait(lock, [this] { return !givenUp; });
     currentStep = step;
 }
 
@@ -148,9 +152,14 @@ int StopControl::pollTimeout() const {
 }
 
 void StopControl::giveUp() {
+    std::string step;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        givenUp = true;
+        step = currentStep;
+    }
     reportWithin(std::chrono::seconds(1),
-                 std::string("step '") + currentStep.load() + "' hangs: not ended " +
-                     std::to_string(timeout.count() / 1000) +
+                 "step '" + step + "' hangs: not ended " + std::to_string(timeout.count() / 1000) +
                      " s after the host was told to; it ends now with code " +
                      std::to_string(ExitHung) +
                      "; the log's last lines tell who, --shutdown-timeout sets the time");

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -29,7 +28,8 @@ public:
     StopControl(const StopControl&) = delete;
     StopControl& operator=(const StopControl&) = delete;
 
-    /// Names what the host does from now on. `step` is kept as a pointer.
+    /// Names what the host does from now on. `step` is kept as a pointer. Does not return once the
+    /// end has been decided.
     void enter(const char* step);
 
     /// As a signal does.
@@ -58,14 +58,14 @@ private:
     const int signalFd;
     const int wakeFd;
 
-    std::atomic<const char*> currentStep;
-
-    // guards stopping, firstReason and deadline
+    // guards what follows
     mutable std::mutex mutex;
     std::condition_variable changed;
     bool stopping = false;
     std::string firstReason;
     std::chrono::steady_clock::time_point deadline;
+    const char* currentStep = "start-up";
+    bool givenUp = false;
 };
 
 } // namespace ktr::host
