@@ -74,7 +74,7 @@ StopControl& StopControl::install(const sigset_t& signals, std::chrono::seconds 
 StopControl::StopControl(const sigset_t& signals, std::chrono::seconds timeout_)
     : timeout(timeout_),
       signalFd(checked(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd")),
-      wakeFd(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")), currentStep("start-up") {
+      wakeFd(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {
     // what came while the options were read counts from here on
     takeSignal();
     std::thread([this] { watch(); }).detach();
