@@ -82,15 +82,22 @@ private:
             return failure(HTTPResponse::HTTP_REQUEST_ENTITY_TOO_LARGE,
                            "body is longer than " + std::to_string(kMaxBody) + " bytes");
         }
-        const Poco::URI uri(request.getURI());
-        const auto endpoint = endpoints.find(request.getMethod() + " " + uri.getPath());
+        try {
+            return dispatch(request.getMethod(), Poco::URI(request.getURI()), std::move(*body));
+        } catch (const Poco::Exception& e) {
+            return failure(HTTPResponse::HTTP_BAD_REQUEST, "malformed request: " + e.message());
+        }
+    }
+
+    JsonAnswer dispatch(const std::string& method, const Poco::URI& uri, std::string body) const {
+        const auto endpoint = endpoints.find(method + " " + uri.getPath());
         if (endpoint == endpoints.end())
             return unknown(uri.getPath());
-        JsonRequest taken;
-        taken.body = std::move(*body);
+        JsonRequest request;
+        request.body = std::move(body);
         for (const auto& [name, value] : uri.getQueryParameters())
-            taken.query.emplace(name, value);
-        return call(endpoint->second, taken);
+            request.query.emplace(name, value);
+        return call(endpoint->second, request);
     }
 
     JsonAnswer unknown(const std::string& path) const {

@@ -11,10 +11,13 @@ using namespace Poco::Data::Keywords;
 
 namespace {
 
+// a file that cannot be opened now is tried again for so long, in case it is only locked
+constexpr std::size_t kOpenSeconds = 1;
+
 Poco::Data::Session open(const std::string& file) {
     Poco::Data::SQLite::Connector::registerConnector();
     try {
-        return {Poco::Data::SQLite::Connector::KEY, file};
+        return {Poco::Data::SQLite::Connector::KEY, file, kOpenSeconds};
     } catch (const Poco::Exception& e) {
         throw Poco::OpenFileException("cannot open the database " + file, e.displayText());
     }

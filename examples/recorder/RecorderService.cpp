@@ -9,6 +9,7 @@
 #include <Poco/NumberParser.h>
 #include <Poco/RegularExpression.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <memory>
@@ -29,6 +30,10 @@ class BadInput : public Poco::DataFormatException {
     using Poco::DataFormatException::DataFormatException;
 };
 
+bool isControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20;
+}
+
 std::string textMember(const Poco::JSON::Object& object, const std::string& name,
                        std::size_t maxBytes) {
     const auto value = object.get(name);
@@ -37,6 +42,8 @@ std::string textMember(const Poco::JSON::Object& object, const std::string& name
     const auto text = value.extract<std::string>();
     if (text.empty() || text.size() > maxBytes)
         throw BadInput("\"" + name + "\" must have 1 to " + std::to_string(maxBytes) + " bytes");
+    if (std::any_of(text.begin(), text.end(), isControl))
+        throw BadInput("\"" + name + "\" must not have control characters");
     return text;
 }
 
