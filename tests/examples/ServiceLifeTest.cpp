@@ -32,7 +32,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Examples, ServiceLifeTest,
                          ::testing::Values("ketra-thermometer", "ketra-recorder",
                                            "ketra-heartbeat"),
-                         [](const auto& info) { return std::string(info.param).substr(6); });
+                         [](const auto& tested) { return std::string(tested.param).substr(6); });
 
 TEST_P(ServiceLifeTest, reportsUntilTheHostAcceptsAndThenNoMore) {
     FakeHost host(2);
