@@ -112,6 +112,7 @@ JsonAnswer latestReadings(ReadingStore& store, const JsonRequest& request) {
         readings.add(entry);
     }
     JsonAnswer answer = success();
+    answer.json.set("total", store.count());
     answer.json.set("readings", readings);
     return answer;
 }

@@ -102,6 +102,7 @@ TEST_F(RecorderServiceTest, listsTenUnlessToldHowMany) {
         ASSERT_EQ(200, store(second));
     EXPECT_EQ(10U, listed("/readings"));
     EXPECT_EQ(1U, listed("/readings?limit=1"));
+    EXPECT_EQ(12, get("/readings?limit=1")->getValue<int>("total"));
     EXPECT_EQ(12U, listed("/readings?limit=1000"));
     for (const char* bad : {"0", "1001", "-1", "ten", "", "5x"}) {
         const auto answer = client->get(std::string("/readings?limit=") + bad);
