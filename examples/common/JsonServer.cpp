@@ -131,7 +131,7 @@ Poco::Net::HTTPServerParams::Ptr serverParams() {
     params->setTimeout(Poco::Timespan(5, 0));
     params->setKeepAliveTimeout(Poco::Timespan(5, 0));
     // idle threads are waited for at the end
-    params->setThreadIdleTime(Poco::Timespan(0, 100 * 1000));
+    params->setThreadIdleTime(Poco::Timespan(0, 100000));
     return params;
 }
 

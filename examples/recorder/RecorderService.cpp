@@ -39,7 +39,7 @@ std::string textMember(const Poco::JSON::Object& object, const std::string& name
     const auto value = object.get(name);
     if (!value.isString())
         throw BadInput("\"" + name + "\" must be a string");
-    const auto text = value.extract<std::string>();
+    auto text = value.extract<std::string>();
     if (text.empty() || text.size() > maxBytes)
         throw BadInput("\"" + name + "\" must have 1 to " + std::to_string(maxBytes) + " bytes");
     if (std::any_of(text.begin(), text.end(), isControl))
@@ -61,7 +61,7 @@ std::string timeMember(const Poco::JSON::Object& object, const std::string& name
     static const Poco::RegularExpression format(
         R"(^\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01])T([01]\d|2[0-3]):[0-5]\d:[0-5]\d(\.\d{1,6})?)"
         R"((Z|[+-]\d{2}:\d{2})\z)");
-    const std::string text = textMember(object, name, 40);
+    std::string text = textMember(object, name, 40);
     if (!format.match(text))
         throw BadInput("\"" + name + "\" must be ISO 8601 like 2024-05-01T12:00:00.000Z");
     return text;

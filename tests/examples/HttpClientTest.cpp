@@ -48,7 +48,7 @@ TEST(HttpClientTest, throwsForAnAddressThatIsANameWithoutLookingItUp) {
 
 TEST(HttpClientTest, throwsWhenTheAnswerDoesNotCome) {
     const Poco::Net::ServerSocket silent(Poco::Net::SocketAddress("127.0.0.1", 0));
-    HttpClient client("127.0.0.1", silent.address().port(), Poco::Timespan(0, 20 * 1000));
+    HttpClient client("127.0.0.1", silent.address().port(), Poco::Timespan(0, 20000));
     EXPECT_THROW(client.get("/"), Poco::TimeoutException);
 }
 
@@ -76,12 +76,12 @@ private:
 
 TEST(HttpClientTest, givesUpAnAnswerThatOnlyDrips) {
     const DrippingServer server("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n");
-    HttpClient client("127.0.0.1", server.port(), Poco::Timespan(0, 50 * 1000));
+    HttpClient client("127.0.0.1", server.port(), Poco::Timespan(0, 50000));
     EXPECT_THROW(client.get("/"), Poco::TimeoutException);
 }
 
 TEST(HttpClientTest, givesUpAnAnswerThatIsTooLong) {
-    const DrippingServer server("HTTP/1.1 200 OK\r\n\r\n" + std::string(1024 * 1024 + 1, 'x'));
+    const DrippingServer server("HTTP/1.1 200 OK\r\n\r\n" + std::string(std::size_t{1024} * 1024 + 1, 'x'));
     HttpClient client("127.0.0.1", server.port(), Poco::Timespan(10, 0));
     EXPECT_THROW(client.get("/"), Poco::DataException);
 }
