@@ -81,7 +81,8 @@ TEST(HttpClientTest, givesUpAnAnswerThatOnlyDrips) {
 }
 
 TEST(HttpClientTest, givesUpAnAnswerThatIsTooLong) {
-    const DrippingServer server("HTTP/1.1 200 OK\r\n\r\n" + std::string(std::size_t{1024} * 1024 + 1, 'x'));
+    const DrippingServer server("HTTP/1.1 200 OK\r\n\r\n" +
+                                std::string(std::size_t{1024} * 1024 + 1, 'x'));
     HttpClient client("127.0.0.1", server.port(), Poco::Timespan(10, 0));
     EXPECT_THROW(client.get("/"), Poco::DataException);
 }
