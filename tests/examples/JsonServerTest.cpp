@@ -51,9 +51,9 @@ TEST_F(JsonServerTest, answers500WithTheReasonWhenTheEndpointThrows) {
 }
 
 TEST_F(JsonServerTest, takesABodyUpToTheLimitAndAnswers413Above) {
-    const auto answer = client.post("/length", std::string(64 * 1024, 'x'));
+    const auto answer = client.post("/length", std::string(65536, 'x'));
     EXPECT_EQ(R"({"code":-1,"msg":"65536"})", answer.body);
-    EXPECT_EQ(413, client.post("/length", std::string(64 * 1024 + 1, 'x')).status);
+    EXPECT_EQ(413, client.post("/length", std::string(65537, 'x')).status);
 }
 
 TEST_F(JsonServerTest, endsAtOnceWithAnIdleConnectionAndWithOneThatIsMidRequest) {

@@ -142,7 +142,7 @@ TEST_F(RecorderPluginTest, dropsWhatTheServiceRefusesAndWhatIsNoReading) {
     plugin->onMessage("no JSON");
     plugin->onMessage(R"({"to":["x"]})");
     plugin->onMessage(event("[]"));
-    plugin->onMessage(std::string(17 * 1024, ' '));
+    plugin->onMessage(std::string(17000, ' '));
     plugin->onMessage(event("{}"));
     ASSERT_TRUE(waitUntil([&] { return log.count("refused by the service") == 1; }));
     service.status = 200;

@@ -33,9 +33,9 @@ std::string with(const std::string& name, const std::string& value) {
                                                {"unit", R"("°C")"},
                                                {"time", R"("2024-05-01T12:00:00Z")"}};
     members[name] = value;
-    std::string text;
+    std::string text = "{";
     for (const auto& [key, json] : members)
-        text += (text.empty() ? "{\"" : ",\"") + key + "\":" + json;
+        text.append(text.size() > 1 ? "," : "").append("\"").append(key).append("\":").append(json);
     return text + "}";
 }
 

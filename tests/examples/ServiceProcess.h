@@ -39,7 +39,11 @@ public:
         start(path, pointers(texts), pointers(variables));
     }
     ~ServiceProcess() {
-        if (!exitCode) {
+        if (exitCode)
+            return;
+        // asked first, since a script that is killed leaves its children
+        signal(SIGTERM);
+        if (!waitForEnd()) {
             signal(SIGKILL);
             ::waitpid(pid, nullptr, 0);
         }
