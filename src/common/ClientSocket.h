@@ -1,55 +1,70 @@
 #pragma once
 
-#include <Poco/Net/SocketAddress.h>
+#include "OpenConnections.h"
 
-#include <atomic>
-#include <chrono>
+#include "ktr/common/WebApiBasic.h"
+
+#include <Poco/Net/StreamSocketImpl.h>
+
 #include <cstddef>
-#include <optional>
-#include <string_view>
+#include <memory>
 
 namespace ktr {
 
-/// The socket of one accepted connection. Every wait has an end: Poco's time-outs hold for a single
-/// receive, so that a client could go on for ever with one byte at a time.
+/// The socket of one accepted connection. Poco's time-outs hold for a single receive, so that a
+/// client could go on for ever with one byte at a time; here the whole of a header, body or answer
+/// has its end.
 ///
-/// Thread safety: stop, interrupt and stopping from any thread, the rest from the owning thread.
-class ClientSocket {
+/// Thread safety: belongs to one thread.
+class ClientSocket : public Poco::Net::StreamSocketImpl {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = OpenConnections::Clock;
 
-    /// Owns `descriptor`. `sendTime` is how long a client may take nothing of its answer.
-    ClientSocket(int descriptor, Clock::duration sendTime);
-    ~ClientSocket();
-    ClientSocket(const ClientSocket&) = delete;
-    ClientSocket& operator=(const ClientSocket&) = delete;
+    /// Owns `descriptor`.
+    ClientSocket(int descriptor, std::shared_ptr<OpenConnections> connections,
+                 const WebApiBasic::Limits& limits);
 
-    /// Receives up to `size` bytes: how many, 0 at the end of the stream (a broken connection is an
-    /// end too), nothing when `deadline` passed first.
-    std::optional<std::size_t> receive(char* data, std::size_t size, Clock::time_point deadline);
+    // what comes next; false when the connection is to end instead
+    bool awaitRequest();
+    /// `buffered` bytes of the header have been received already.
+    bool readHeader(std::size_t buffered);
+    bool readBody();
+    bool answer();
 
-    /// Sends all of `data`. Throws Poco::TimeoutException or Poco::IOException.
-    void send(std::string_view data);
+    /// Ends an answer to a client that may still be sending: closing on unread data would take the
+    /// answer from it.
+    void linger();
 
-    /// The client sees the end of the stream; what it still sends can be received.
-    void closeSending();
+    bool stopping() const { return connections->stopping(); }
 
-    /// Ends both directions; whoever waits in receive or send returns.
-    void interrupt();
+    using StreamSocketImpl::receiveBytes;
+    using StreamSocketImpl::sendBytes;
+    /// Throws HttpFault when the client is over its time, over its bytes, or breaks off.
+    int receiveBytes(void* buffer, int length, int flags) override;
+    int sendBytes(const void* buffer, int length, int flags) override;
+    /// Unlike Poco's without a descriptor of its own.
+    bool poll(const Poco::Timespan& timeout, int mode) override;
+    void close() override;
 
-    /// From now on a client has a short time to take an answer.
-    void stop() { stopped = true; }
-    bool stopping() const { return stopped; }
-
-    Poco::Net::SocketAddress peerAddress() const;
-    Poco::Net::SocketAddress localAddress() const;
+protected:
+    ~ClientSocket() override;
 
 private:
-    bool waitFor(short events, Clock::time_point deadline) const;
+    int receiveUntil(Clock::time_point end, void* buffer, int length);
 
-    const int descriptor;
-    const Clock::duration sendTime;
-    std::atomic<bool> stopped{false};
+    const std::shared_ptr<OpenConnections> connections;
+    const WebApiBasic::Limits limits;
+    Clock::time_point deadline;
+    /// What may still be received of the header.
+    std::size_t headerLeft = 0;
+    bool inHeader = false;
+    /// Whether a part of the request has come.
+    bool begun = false;
+    /// Whether the client was given up in the middle of an answer.
+    bool stalled = false;
 };
+
+/// Waits until `descriptor` is ready for `events`; false when `timeout` has passed.
+bool waitForSocket(int descriptor, short events, OpenConnections::Clock::duration timeout);
 
 } // namespace ktr

@@ -1,16 +1,18 @@
 #include "HttpConnection.h"
 
-#include "HttpFault.h"
-#include "HttpHeader.h"
 #include "HttpRequest.h"
 #include "HttpResponse.h"
 #include "RequestParameters.h"
 #include "RouteTable.h"
 
+#include "ktr/common/JsonAnswer.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
+#include <Poco/Net/HTTPServerSession.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Timestamp.h>
 
 #include <algorithm>
 
@@ -32,157 +34,170 @@ std::string printable(std::string text) {
     return text;
 }
 
-void logRefusal(const HttpRequest& request, int status, const std::string& reason) {
-    if (cachedLogger().warning())
-        cachedLogger().warning(Poco::format("web api: %s %s from %s refused with %d: %s",
-                                            request.getMethod(), printable(request.getURI()),
-                                            request.clientAddress().toString(), status, reason),
-                               __FILE__, __LINE__);
-}
-
-void logFailure(const std::string& path, const std::string& reason) {
+void logFailure(const std::string& what, const std::string& reason) {
     if (cachedLogger().error())
-        cachedLogger().error(
-            Poco::format("web api: handler of %s failed: %s", printable(path), reason), __FILE__,
-            __LINE__);
+        cachedLogger().error(Poco::format("web api: %s failed: %s", what, printable(reason)),
+                             __FILE__, __LINE__);
 }
 
-void logEnd(const std::string& reason) {
+void logEnd(const Poco::Exception& reason) {
     if (cachedLogger().debug())
-        cachedLogger().debug("web api: connection ended: " + reason, __FILE__, __LINE__);
+        cachedLogger().debug("web api: connection ended: " + reason.displayText(), __FILE__,
+                             __LINE__);
 }
 
-std::chrono::microseconds duration(const Poco::Timespan& span) {
-    return std::chrono::microseconds(span.totalMicroseconds());
+/// Answers by an error of the router's own.
+void sendError(HttpResponse& response, HTTPResponse::HTTPStatus status, const std::string& text) {
+    const std::string body = makeJsonDefault(-1, text);
+    response.setDate(Poco::Timestamp());
+    response.setStatusAndReason(status);
+    response.setContentType("application/json");
+    response.setContentLength(static_cast<std::streamsize>(body.size()));
+    response.send() << body;
+}
+
+/// What a failure to read a request is to be answered with. Throws it on when it is the
+/// connection's that failed.
+HttpFault faultOf(const Poco::Exception& error) {
+    if (const auto* fault = dynamic_cast<const HttpFault*>(&error))
+        return *fault;
+    const auto* malformed = dynamic_cast<const Poco::Net::MessageException*>(&error);
+    if (malformed == nullptr && dynamic_cast<const Poco::Net::NetException*>(&error) != nullptr)
+        error.rethrow();
+    const std::string& text = error.message();
+    const bool limit =
+        text.rfind("Field value too long", 0) == 0 || text.rfind("Too many header fields", 0) == 0;
+    return {limit ? HTTPResponse::HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE
+                  : HTTPResponse::HTTP_BAD_REQUEST,
+            "the header is malformed: " + text};
 }
 
 } // namespace
 
-HttpConnection::HttpConnection(int descriptor, RouteTable& routes_,
-                               const WebApiBasic::Limits& limits)
-    : routes(routes_), socket(descriptor, duration(limits.headerTime)), reader(socket, limits) {}
+class HttpConnection::Session : public Poco::Net::HTTPServerSession {
+public:
+    using HTTPServerSession::buffered;
+    using HTTPServerSession::HTTPServerSession;
 
-void HttpConnection::run() noexcept {
+    /// Takes the line breaks with which clients of old end a body without counting them; false when
+    /// the client has nothing more to ask.
+    bool skipLineBreaks() {
+        while (peek() == '\r' || peek() == '\n')
+            get();
+        return peek() != std::char_traits<char>::eof();
+    }
+};
+
+HttpConnection::HttpConnection(const Poco::Net::StreamSocket& socket_, RouteTable& routes_,
+                               const WebApiBasic::Limits& limits_)
+    : TCPServerConnection(socket_), routes(routes_), limits(limits_),
+      client(dynamic_cast<ClientSocket&>(*socket().impl())) {
+    params->setTimeout(limits.idleTime);
+    params->setKeepAliveTimeout(limits.idleTime);
+}
+
+void HttpConnection::run() {
+    Session session(socket(), params);
     try {
-        while (serveOne()) {
+        while (client.awaitRequest() && session.hasMoreRequests() && serveOne(session)) {
         }
     } catch (const Poco::Exception& e) {
-        logEnd(e.displayText());
-    } catch (const std::exception& e) {
-        logEnd(e.what());
+        logEnd(e);
     }
-    // the descriptor lives on until this object goes; the client is not to wait for that
-    socket.interrupt();
 }
 
-void HttpConnection::stop() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    stopLocked();
-}
-
-void HttpConnection::stopLocked() {
-    stopping = true;
-    socket.stop();
-    if (phase != Phase::answering)
-        socket.interrupt();
-}
-
-std::optional<ClientSocket::Clock::time_point> HttpConnection::idleSince() const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (phase != Phase::idle || stopping)
-        return std::nullopt;
-    return idleStart;
-}
-
-bool HttpConnection::stopIfIdle() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (phase != Phase::idle)
-        return false;
-    stopLocked();
-    return true;
-}
-
-/// False when the connection is to end instead.
-bool HttpConnection::enter(Phase next) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (stopping)
-        return false;
-    phase = next;
-    if (next == Phase::idle)
-        idleStart = ClientSocket::Clock::now();
-    return true;
-}
-
-/// Waits for a request and answers it; whether the connection may take another one.
-bool HttpConnection::serveOne() {
-    if (!reader.waitForRequest() || !enter(Phase::reading))
-        return false;
-    HttpRequest request(socket.peerAddress(), socket.localAddress());
-    Target target;
-    return readRequest(request, target) && enter(Phase::answering) && answer(request, target) &&
-           enter(Phase::idle);
-}
-
-bool HttpConnection::readRequest(HttpRequest& request, Target& target) {
+/// Whether the connection may take another request.
+bool HttpConnection::serveOne(Session& session) {
+    subject = "a request";
     try {
-        reader.readHeader(request);
-        target = parseTarget(request.getURI());
-        request.setBody(reader.readBody(request));
-        return true;
-    } catch (const HttpFault& fault) {
-        if (!socket.stopping())
-            refuse(request, fault);
+        if (!client.readHeader(static_cast<std::size_t>(session.buffered())) ||
+            !session.skipLineBreaks())
+            return false;
+        HttpResponse response(session);
+        HttpRequest request(response, session, *params);
+        subject = printable(request.getMethod() + " " + request.getURI());
+        request.check();
+        response.setVersion(request.getVersion());
+        const Target target(request.getURI());
+        if (!client.readBody())
+            return false;
+        request.readBody(limits.bodyBytes);
+        if (!client.answer() || !answer(request, response, target))
+            return false;
+        session.setKeepAlive(response.getKeepAlive());
+    } catch (const Poco::Exception& e) {
+        // Poco's streams and its parser hide what the socket said
+        refuse(session, faultOf(session.networkException() ? *session.networkException() : e));
         return false;
     }
+    // the last of the answer goes out when it is destroyed, so that only now is it known
+    if (session.networkException()) {
+        logFailure(subject, session.networkException()->displayText());
+        return false;
+    }
+    return true;
 }
 
 /// Answers a request that cannot be read to its end, so that the connection ends with it.
-void HttpConnection::refuse(const HttpRequest& request, const HttpFault& fault) {
-    logRefusal(request, fault.status, printable(fault.what()));
-    HttpResponse response(socket, request, false);
-    response.replaceByError(fault.status, printable(fault.what()));
-    response.finish();
-    socket.closeSending();
-    reader.drain();
-}
-
-bool HttpConnection::answer(HttpRequest& request, const Target& target) {
-    HttpResponse response(socket, request, wantsKeepAlive(request));
-    request.setResponse(response);
-    if (!handle(request, response, target))
-        return false;
-    response.finish();
-    if (!response.failure().empty()) {
-        logFailure(target.path, response.failure());
-        if (response.replaceByError(HTTPResponse::HTTP_INTERNAL_SERVER_ERROR,
-                                    "the answer could not be made, see the host's log"))
-            response.finish();
+void HttpConnection::refuse(Session& session, const HttpFault& fault) {
+    if (client.stopping())
+        return;
+    logRefusal(fault);
+    {
+        HttpResponse response(session);
+        response.setVersion(HTTPResponse::HTTP_1_1);
+        response.setKeepAlive(false);
+        sendError(response, fault.status(), printable(fault.message()));
     }
-    return response.connectionUsable();
+    client.linger();
 }
 
-/// Makes the answer; false when it broke off with a part of it sent.
+void HttpConnection::logRefusal(const HttpFault& fault) {
+    if (cachedLogger().warning())
+        cachedLogger().warning(Poco::format("web api: %s from %s refused with %d: %s", subject,
+                                            client.peerAddress().toString(), fault.code(),
+                                            printable(fault.message())),
+                               __FILE__, __LINE__);
+}
+
+/// False when the answer broke off.
+bool HttpConnection::answer(HttpRequest& request, HttpResponse& response, const Target& target) {
+    response.setDate(Poco::Timestamp());
+    response.setKeepAlive(request.wantsKeepAlive());
+    response.setContentType("application/json");
+    try {
+        return handle(request, response, target);
+    } catch (const HttpFault& fault) {
+        logRefusal(fault);
+        sendError(response, fault.status(), printable(fault.message()));
+        return true;
+    }
+}
+
 bool HttpConnection::handle(HttpRequest& request, HttpResponse& response, const Target& target) {
     RouteTable::Call call(routes, target.path);
-    if (!call) {
-        const std::string reason = "no such route: " + printable(target.path);
-        logRefusal(request, HTTPResponse::HTTP_NOT_FOUND, reason);
-        return response.replaceByError(HTTPResponse::HTTP_NOT_FOUND, reason);
+    if (!call)
+        throw HttpFault(HTTPResponse::HTTP_NOT_FOUND, "no such route: " + printable(target.path));
+    const auto parameters =
+        requestParameters(target.query, request.getContentType(), request.body());
+    const auto failure = call.run(request, response, parameters);
+    if (failure) {
+        logFailure("handler of " + printable(target.path), *failure);
+        if (response.sent()) {
+            // the client is not to take the part for the whole
+            socket().shutdown();
+            return false;
+        }
+        const bool keepAlive = response.getKeepAlive();
+        response.clear();
+        response.setKeepAlive(keepAlive);
+        sendError(response, HTTPResponse::HTTP_INTERNAL_SERVER_ERROR,
+                  "the handler of " + printable(target.path) + " failed, see the host's log");
+    } else if (!response.sent()) {
+        response.setContentLength(0);
+        response.send();
     }
-    WebApiBasic::Parameters params;
-    try {
-        params = requestParameters(target.query, request.getContentType(), request.body());
-    } catch (const HttpFault& fault) {
-        logRefusal(request, fault.status, printable(fault.what()));
-        return response.replaceByError(fault.status, printable(fault.what()));
-    }
-    const auto failure = call.run(request, response, params);
-    if (!failure)
-        return true;
-    logFailure(target.path, *failure);
-    return response.replaceByError(HTTPResponse::HTTP_INTERNAL_SERVER_ERROR,
-                                   "the handler of " + printable(target.path) +
-                                       " failed, see the host's log");
+    return true;
 }
 
 } // namespace ktr

@@ -1,49 +1,50 @@
 #pragma once
 
 #include <Poco/MemoryStream.h>
-#include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/HTTPServerRequest.h>
-#include <Poco/Net/HTTPServerResponse.h>
-#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/HTTPServerRequestImpl.h>
 
+#include <cstddef>
+#include <istream>
 #include <optional>
 #include <string>
-#include <utility>
 
 namespace ktr {
 
-/// A request whose body has been read to its end, so that no handler waits for a client and an
-/// unread body cannot be taken for the next request.
-class HttpRequest : public Poco::Net::HTTPServerRequest {
+/// A request whose body is read to its end before it is answered, so that no handler waits for a
+/// client and an unread body cannot be taken for the next request.
+class HttpRequest : public Poco::Net::HTTPServerRequestImpl {
 public:
-    HttpRequest(const Poco::Net::SocketAddress& client_, const Poco::Net::SocketAddress& server_)
-        : client(client_), server(server_), params(new Poco::Net::HTTPServerParams) {
-        // what an answer to an unreadable request line goes by
-        setVersion(HTTP_1_1);
-    }
+    /// Reads the header. Throws what Poco's parser and the socket throw.
+    HttpRequest(Poco::Net::HTTPServerResponseImpl& response, Poco::Net::HTTPServerSession& session,
+                Poco::Net::HTTPServerParams& params);
 
-    void setBody(std::string text) {
-        content = std::move(text);
-        reader.emplace(content.data(), static_cast<std::streamsize>(content.size()));
-    }
+    /// Throws HttpFault for a header that Poco's parser takes although two readers may disagree on
+    /// where such a request ends, or which the router cannot serve.
+    void check() const;
+
+    /// Reads the body, of `limit` bytes at most. Throws HttpFault.
+    void readBody(std::size_t limit);
     const std::string& body() const { return content; }
-
-    void setResponse(Poco::Net::HTTPServerResponse& answer_) { answer = &answer_; }
-
     std::istream& stream() override { return *reader; }
-    const Poco::Net::SocketAddress& clientAddress() const override { return client; }
-    const Poco::Net::SocketAddress& serverAddress() const override { return server; }
-    const Poco::Net::HTTPServerParams& serverParams() const override { return *params; }
-    Poco::Net::HTTPServerResponse& response() const override { return *answer; }
-    bool secure() const override { return false; }
+
+    /// Whether another request may follow on the connection.
+    bool wantsKeepAlive() const;
 
 private:
-    const Poco::Net::SocketAddress client;
-    const Poco::Net::SocketAddress server;
-    const Poco::Net::HTTPServerParams::Ptr params;
+    void readAll(std::streambuf& source, std::size_t limit);
+
     std::string content;
     std::optional<Poco::MemoryInputStream> reader;
-    Poco::Net::HTTPServerResponse* answer = nullptr;
+};
+
+/// The target of a request, taken apart. Throws HttpFault.
+struct Target {
+    explicit Target(const std::string& uri);
+
+    /// Decoded.
+    std::string path;
+    /// As sent, without the "?".
+    std::string query;
 };
 
 } // namespace ktr

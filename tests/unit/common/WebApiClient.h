@@ -28,14 +28,14 @@ public:
         }
     }
 
-    /// One answer: its header and the body that the header announces.
+    /// One answer: its header and the body that the header announces, out of its chunks.
     std::string answer() {
         std::string header = take(until("\r\n\r\n"));
         const std::string mark = "Content-Length: ";
         if (const auto at = header.find(mark); at != std::string::npos)
             return header + take(std::stoul(header.substr(at + mark.size())));
         if (header.find("chunked") != std::string::npos)
-            return header + take(until("0\r\n\r\n"));
+            return header + takeChunks();
         return header;
     }
 
@@ -85,6 +85,18 @@ private:
         std::string taken = received.substr(0, size);
         received.erase(0, size);
         return taken;
+    }
+
+    std::string takeChunks() {
+        std::string body;
+        for (;;) {
+            const std::size_t size = std::stoul(take(until("\r\n")), nullptr, 16);
+            body += take(size);
+            if (take(2) != "\r\n")
+                throw Poco::IOException("a chunk is longer than it says");
+            if (size == 0)
+                return body;
+        }
     }
 
     Poco::Net::StreamSocket socket;

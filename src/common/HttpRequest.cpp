@@ -1,0 +1,148 @@
+#include "HttpRequest.h"
+
+#include "HttpFault.h"
+
+#include <Poco/Ascii.h>
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPChunkedStream.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerSession.h>
+#include <Poco/String.h>
+#include <Poco/URI.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+namespace ktr {
+namespace {
+
+using Poco::Net::HTTPMessage;
+using Poco::Net::HTTPResponse;
+
+HttpFault malformed(const std::string& reason) {
+    return {HTTPResponse::HTTP_BAD_REQUEST, reason};
+}
+
+HttpFault tooLarge(std::size_t limit) {
+    return {HTTPResponse::HTTP_REQUEST_ENTITY_TOO_LARGE,
+            "the body is larger than " + std::to_string(limit) + " bytes"};
+}
+
+bool isTokenCharacter(char c) {
+    return Poco::Ascii::isAlphaNumeric(c) ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+bool isToken(const std::string& text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
+}
+
+bool isControl(char c) {
+    return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f;
+}
+
+bool isNumber(const std::string& text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return Poco::Ascii::isDigit(c); });
+}
+
+/// Un-chunks like Poco's own, but tells a malformed chunk from the end of the body.
+class ChunkedBody : public Poco::Net::HTTPChunkedStreamBuf {
+public:
+    explicit ChunkedBody(Poco::Net::HTTPSession& session)
+        : HTTPChunkedStreamBuf(session, std::ios::in) {}
+
+protected:
+    int readFromDevice(char* buffer, std::streamsize length) override {
+        const int size = HTTPChunkedStreamBuf::readFromDevice(buffer, length);
+        if (size < 0)
+            throw malformed("a chunk of the body is malformed");
+        return size;
+    }
+};
+
+} // namespace
+
+HttpRequest::HttpRequest(Poco::Net::HTTPServerResponseImpl& response,
+                         Poco::Net::HTTPServerSession& session, Poco::Net::HTTPServerParams& params)
+    : HTTPServerRequestImpl(response, session, &params) {
+    reader.emplace(content.data(), 0);
+}
+
+void HttpRequest::check() const {
+    if (getVersion().rfind("HTTP/", 0) != 0 || !isToken(getMethod()))
+        throw malformed("the request line is not METHOD TARGET VERSION");
+    if (getVersion() != HTTP_1_0 && getVersion() != HTTP_1_1)
+        throw HttpFault(HTTPResponse::HTTP_VERSION_NOT_SUPPORTED, "use HTTP/1.1 or HTTP/1.0");
+    int framings = 0;
+    for (const auto& [name, value] : *this) {
+        if (!isToken(name) || std::any_of(value.begin(), value.end(), isControl))
+            throw malformed("a header line is malformed");
+        if (Poco::icompare(name, CONTENT_LENGTH) == 0 ||
+            Poco::icompare(name, TRANSFER_ENCODING) == 0)
+            ++framings;
+    }
+    if (framings > 1)
+        throw malformed("the header tells the body's length more than once");
+    if (hasContentLength() && !isNumber(get(CONTENT_LENGTH)))
+        throw malformed("Content-Length is not a number");
+    if (has(TRANSFER_ENCODING) && getVersion() == HTTP_1_0)
+        throw malformed("HTTP/1.0 knows no Transfer-Encoding");
+    if (has(TRANSFER_ENCODING) && !getChunkedTransferEncoding())
+        throw HttpFault(HTTPResponse::HTTP_NOT_IMPLEMENTED,
+                        "the only Transfer-Encoding understood is chunked");
+}
+
+void HttpRequest::readBody(std::size_t limit) {
+    if (hasContentLength() && static_cast<Poco::UInt64>(getContentLength64()) > limit)
+        throw tooLarge(limit);
+    if (getExpectContinue() && getVersion() == HTTP_1_1)
+        response().sendContinue();
+    if (getChunkedTransferEncoding()) {
+        ChunkedBody source(session());
+        readAll(source, limit);
+    } else if (hasContentLength()) {
+        readAll(*HTTPServerRequestImpl::stream().rdbuf(), limit);
+    }
+    reader.emplace(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+/// From the buffer, for a stream swallows what its buffer throws.
+void HttpRequest::readAll(std::streambuf& source, std::size_t limit) {
+    std::array<char, 4096> piece;
+    std::streamsize size = 0;
+    do {
+        size = source.sgetn(piece.data(), piece.size());
+        if (static_cast<std::size_t>(size) > limit - content.size())
+            throw tooLarge(limit);
+        content.append(piece.data(), static_cast<std::size_t>(size));
+        // asked again after the end, Poco's buffer would take the next request for a chunk
+    } while (size == static_cast<std::streamsize>(piece.size()));
+}
+
+bool HttpRequest::wantsKeepAlive() const {
+    // of the trailer that may follow the chunks Poco reads a single line
+    if (getChunkedTransferEncoding() || hasToken(CONNECTION, "close"))
+        return false;
+    return getVersion() == HTTP_1_1 || hasToken(CONNECTION, "keep-alive");
+}
+
+Target::Target(const std::string& uri) {
+    try {
+        std::string origin = uri;
+        if (origin.rfind("http://", 0) == 0 || origin.rfind("https://", 0) == 0)
+            origin = Poco::URI(uri).getPathAndQuery();
+        if (origin.empty() || origin.front() != '/')
+            throw malformed("the request's target is not a path that starts with /");
+        origin.resize(std::min(origin.find('#'), origin.size()));
+        const std::size_t mark = std::min(origin.find('?'), origin.size());
+        Poco::URI::decode(origin.substr(0, mark), path);
+        if (mark < origin.size())
+            query = origin.substr(mark + 1);
+    } catch (const Poco::SyntaxException& e) {
+        throw malformed("the request's target is malformed: " + e.displayText());
+    }
+}
+
+} // namespace ktr

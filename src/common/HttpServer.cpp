@@ -1,0 +1,97 @@
+#include "HttpServer.h"
+
+#include "HttpConnection.h"
+#include "ListenSocket.h"
+#include "RouteTable.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/TCPServerConnectionFactory.h>
+#include <Poco/Net/TCPServerParams.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <sys/socket.h>
+
+namespace ktr {
+namespace {
+
+constexpr int kBacklog = 128;
+
+class ConnectionFactory : public Poco::Net::TCPServerConnectionFactory {
+public:
+    ConnectionFactory(RouteTable& routes_, const WebApiBasic::Limits& limits_)
+        : routes(routes_), limits(limits_) {}
+
+    Poco::Net::TCPServerConnection*
+    createConnection(const Poco::Net::StreamSocket& socket) override {
+        return new HttpConnection(socket, routes, limits);
+    }
+
+private:
+    RouteTable& routes;
+    const WebApiBasic::Limits limits;
+};
+
+/// Poco leaves it to a subclass to choose the implementation.
+class Listener : public Poco::Net::ServerSocket {
+public:
+    explicit Listener(ListenSocket* implementation) : ServerSocket(implementation, true) {}
+};
+
+WebApiBasic::Limits usable(WebApiBasic::Limits limits) {
+    limits.connections = std::max(limits.connections, 1);
+    return limits;
+}
+
+} // namespace
+
+HttpServer::HttpServer(const std::string& ip, unsigned short port, RouteTable& routes_,
+                       const WebApiBasic::Limits& limits_)
+    : routes(routes_), limits(usable(limits_)),
+      connections(std::make_shared<OpenConnections>(static_cast<std::size_t>(limits.connections))),
+      socket(Listener(new ListenSocket(connections, limits))) {
+    try {
+        // A port that just served may be bound again; one that is being served may not be shared.
+        socket.bind(Poco::Net::SocketAddress(ip, port), true, false);
+        socket.listen(kBacklog);
+        socket.setBlocking(false);
+        ::fcntl(socket.impl()->sockfd(), F_SETFD, FD_CLOEXEC);
+    } catch (const Poco::Exception& e) {
+        const bool v6 = ip.find(':') != std::string::npos;
+        throw Poco::Net::NetException("cannot listen on " + (v6 ? "[" + ip + "]" : ip) + ":" +
+                                          std::to_string(port) + ": " + e.displayText(),
+                                      e.code());
+    }
+}
+
+void HttpServer::start() {
+    Poco::Net::TCPServerParams::Ptr params(new Poco::Net::TCPServerParams);
+    params->setMaxThreads(limits.connections);
+    params->setMaxQueued(limits.connections);
+    // a stop wakes but one of the threads that wait for a connection
+    params->setThreadIdleTime(Poco::Timespan(0, 200'000));
+    // a thread that has ended its connection still counts for a moment
+    threads.emplace("web api", 1, 2 * limits.connections);
+    const Poco::Net::TCPServerConnectionFactory::Ptr factory(new ConnectionFactory(routes, limits));
+    server.emplace(factory, *threads, socket, params);
+    try {
+        server->start();
+    } catch (...) {
+        server.reset();
+        throw;
+    }
+}
+
+HttpServer::~HttpServer() {
+    connections->stop();
+    // wakes the server's thread
+    ::shutdown(socket.impl()->sockfd(), SHUT_RDWR);
+    if (server)
+        server->stop();
+    if (threads)
+        threads->joinAll();
+    server.reset();
+}
+
+} // namespace ktr

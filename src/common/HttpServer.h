@@ -1,0 +1,48 @@
+#pragma once
+
+#include "OpenConnections.h"
+
+#include "ktr/common/WebApiBasic.h"
+
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/TCPServer.h>
+#include <Poco/ThreadPool.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace ktr {
+
+class RouteTable;
+
+/// Poco's server with the limits of the web API.
+///
+/// Thread safety: belongs to one thread.
+class HttpServer {
+public:
+    /// Binds and listens. Throws Poco::Net::NetException.
+    HttpServer(const std::string& ip, unsigned short port, RouteTable& routes,
+               const WebApiBasic::Limits& limits);
+    /// Ends connections, lets answers go out, and waits for every thread.
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    Poco::Net::SocketAddress address() const { return socket.address(); }
+
+    bool serving() const { return server.has_value(); }
+    /// Starts answering. Throws Poco::SystemException.
+    void start();
+
+private:
+    RouteTable& routes;
+    const WebApiBasic::Limits limits;
+    const std::shared_ptr<OpenConnections> connections;
+    Poco::Net::ServerSocket socket;
+    std::optional<Poco::ThreadPool> threads;
+    std::optional<Poco::Net::TCPServer> server;
+};
+
+} // namespace ktr
