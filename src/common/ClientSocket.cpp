@@ -96,11 +96,9 @@ int ClientSocket::receiveBytes(void* buffer, int length, int /*flags*/) {
         throw HttpFault(HTTPResponse::HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE,
                         "the header is larger than " + std::to_string(limits.headerBytes) +
                             " bytes");
-    // what Poco holds back of the next request counts as its header's, so it is limited likewise
-    const std::size_t most = inHeader ? headerLeft : std::max<std::size_t>(limits.headerBytes, 1);
-    const int got =
-        receiveUntil(deadline, buffer,
-                     static_cast<int>(std::min<std::size_t>(static_cast<unsigned>(length), most)));
+    if (inHeader)
+        length = static_cast<int>(std::min(static_cast<std::size_t>(length), headerLeft));
+    const int got = receiveUntil(deadline, buffer, length);
     if (got < 0)
         throw HttpFault(HTTPResponse::HTTP_REQUEST_TIMEOUT, "the request takes too long");
     if (got == 0 && begun)

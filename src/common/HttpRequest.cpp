@@ -17,7 +17,6 @@
 namespace ktr {
 namespace {
 
-using Poco::Net::HTTPMessage;
 using Poco::Net::HTTPResponse;
 
 HttpFault malformed(const std::string& reason) {

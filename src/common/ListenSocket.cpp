@@ -20,21 +20,17 @@ bool ListenSocket::poll(const Poco::Timespan& timeout, int /*mode*/) {
     const std::chrono::microseconds time(timeout.totalMicroseconds());
     if (!waitForSocket(sockfd(), POLLIN, time) || !connections->waitForRoom(time))
         return false;
-    const int descriptor = ::accept4(sockfd(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (descriptor < 0) {
+    accepted = ::accept4(sockfd(), nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted < 0)
         reportFailure(errno);
-        return false;
-    }
-    failing = false;
-    accepted = new ClientSocket(descriptor, connections, limits);
-    return true;
+    else
+        failing = false;
+    return accepted >= 0;
 }
 
 Poco::Net::SocketImpl* ListenSocket::acceptConnection(Poco::Net::SocketAddress& /*client*/) {
     // the server has no use for the address, and asking for it fails when the client has gone
-    Poco::Net::SocketImpl* const socket = accepted.duplicate();
-    accepted.reset();
-    return socket;
+    return new ClientSocket(std::exchange(accepted, -1), connections, limits);
 }
 
 void ListenSocket::reportFailure(int code) {

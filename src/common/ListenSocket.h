@@ -2,7 +2,6 @@
 
 #include "ClientSocket.h"
 
-#include <Poco/AutoPtr.h>
 #include <Poco/Net/ServerSocketImpl.h>
 
 #include <memory>
@@ -27,7 +26,8 @@ private:
 
     const std::shared_ptr<OpenConnections> connections;
     const WebApiBasic::Limits limits;
-    Poco::AutoPtr<ClientSocket> accepted;
+    /// What poll has accepted.
+    int accepted = -1;
     bool failing = false;
 };
 

@@ -28,8 +28,9 @@ namespace ktr {
 ///
 /// The whole body is read before the handler runs, so request.stream() never waits for the client
 /// and holds the body also where it was taken for parameters. An answer needs neither length nor
-/// chunked encoding: the connection stays open for the next request in any case. Without a content
-/// type it goes out as application/json.
+/// chunked encoding for the connection to stay open: without a length it goes out in chunks, and
+/// only to an HTTP/1.0 client up to the end of the connection. The connection also ends after a
+/// request that came in chunks. Without a content type an answer goes out as application/json.
 ///
 /// Thread safety: all functions may be called from any thread, also while the server runs, but for
 /// bind, serve and stop, which belong to one thread.
@@ -44,8 +45,10 @@ public:
     using Parameters = std::unordered_map<std::string, std::string>;
 
     /// Answers one request by writing to `response`. Called on a server thread, several at once,
-    /// with no lock held. What it throws, of any type, is logged and answered with status 500 if
-    /// nothing was sent yet. It may call apiRegist and apiUnregist.
+    /// with no lock held. What it throws, of any type, is logged and answered with status 500, or
+    /// by closing the connection if it has begun to send. A Content-Length that it sets is to be
+    /// the answer's: more is cut off, and with less the client waits until the idle time is over.
+    /// It may call apiRegist and apiUnregist.
     using Handler =
         std::function<void(Poco::Net::HTTPServerRequest& request,
                            Poco::Net::HTTPServerResponse& response, const Parameters& params)>;
@@ -53,6 +56,7 @@ public:
     /// What a client may take of the server.
     struct Limits {
         std::size_t bodyBytes = 1'048'576;
+        /// Poco's limits go on top: 100 fields, each with 256 bytes of name and 8192 of value.
         std::size_t headerBytes = 16'384;
         /// Open at a time, each with a thread of its own. Beyond it the connection that has been
         /// idle for longest makes room; with none idle, clients wait in the listen backlog.
