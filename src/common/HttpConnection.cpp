@@ -36,8 +36,8 @@ std::string printable(std::string text) {
 
 void logFailure(const std::string& what, const std::string& reason) {
     if (cachedLogger().error())
-        cachedLogger().error(Poco::format("web api: %s failed: %s", what, printable(reason)),
-                             __FILE__, __LINE__);
+        cachedLogger().error(Poco::format("web api: %s failed: %s", what, reason), __FILE__,
+                             __LINE__);
 }
 
 void logEnd(const Poco::Exception& reason) {
