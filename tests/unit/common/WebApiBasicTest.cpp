@@ -999,7 +999,7 @@ TEST_F(WebApiBasicTest, StopsAtOnceWhenClientsStallAndLeavesNothingBehind) {
             clients.back()->send(begin);
         }
         clients.back()->answer();
-        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads + 6; }));
+        ASSERT_TRUE(waitUntil([&] { return threadCount() >= threads + 6; }));
         const auto start = Clock::now();
         api.stop();
         // milliseconds on an idle machine; a stop that waits for a client takes 10 s or more
