@@ -47,7 +47,7 @@ protected:
 
     /// Files a plugin whose factory makes a1, a2 ... for guid "a".
     std::shared_ptr<Plugin> offer(const std::string& guid) {
-        const auto plugin = file(guid);
+        auto plugin = file(guid);
         plugin->factory = [this, guid, made = 0]() mutable {
             const std::string name = guid + std::to_string(++made);
             factoryUnderLock.push_back(!registryIsFree());

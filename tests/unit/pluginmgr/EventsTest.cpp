@@ -135,7 +135,7 @@ TEST_F(EventIntakeTest, IgnoresAnEventWithoutRecipientsSilently) {
 
 TEST_F(EventIntakeTest, LogsWhatIsNoEventAndQueuesNothing) {
     for (const char* text :
-         {"", "   ", "not JSON", "{\"to\":[\"a\"]", "[\"a\"]", "[]", "\"a\"", "5", "true"}) {
+         {"", "   ", "not JSON", R"({"to":["a"])", R"(["a"])", "[]", R"("a")", "5", "true"}) {
         const std::size_t before = log.messages().size();
         EXPECT_EQ(pathOf(text), "none") << text;
         EXPECT_EQ(log.messages().size(), before + 1) << text;

@@ -259,7 +259,7 @@ protected:
     }
 
     std::shared_ptr<DiaryPlugin> activate(const std::string& guid) {
-        const auto instance = std::make_shared<DiaryPlugin>(diary, guid);
+        auto instance = std::make_shared<DiaryPlugin>(diary, guid);
         file(guid)->instance = instance;
         return instance;
     }

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <dlfcn.h>
@@ -356,8 +357,8 @@ protected:
         sigaction(SIGPIPE, &ignore, &formerPipe);
         sigaction(SIGHUP, &ignore, &formerHangUp);
         formerInput = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
-        int ends[2];
-        if (pipe(ends) == 0) {
+        std::array<int, 2> ends{};
+        if (pipe(ends.data()) == 0) {
             dup2(ends[0], STDIN_FILENO);
             close(ends[0]);
             inputWriter = ends[1];
@@ -539,7 +540,7 @@ TEST_F(MSManagerTest, StopPassesOverNullAndReapedEntriesAndReachesTheOthers) {
     const pid_t pid = launch(reaped).handle.id();
     kill(pid, SIGKILL);
     ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
-    manager.processes.push_back(nullptr);
+    manager.processes.emplace_back(nullptr);
     launch(last);
     const Start start = Services::awaitStart(last);
     manager.stop();

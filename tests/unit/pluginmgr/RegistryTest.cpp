@@ -134,12 +134,14 @@ TEST_F(RegistryTest, ReleasesARecordsInstanceBeforeItsFactory) {
     struct Note {
         std::vector<std::string>& order;
         std::string name;
+        Note(std::vector<std::string>& order_, std::string name_)
+            : order(order_), name(std::move(name_)) {}
         ~Note() { order.push_back(name); }
     };
     std::vector<std::string> order;
     {
         auto plugin = std::make_shared<Plugin>();
-        plugin->factory = [note = std::shared_ptr<Note>(new Note{order, "factory"})] {
+        plugin->factory = [note = std::make_shared<Note>(order, "factory")] {
             return std::shared_ptr<PluginBase>();
         };
         const std::shared_ptr<Note> note(new Note{order, "instance"});
