@@ -1083,9 +1083,13 @@ TEST_F(WebApiBasicTest, SurvivesHavingNoDescriptorsLeftWithoutSpinning) {
     // has its descriptor before they are gone
     Poco::Net::StreamSocket prepared(SocketAddress::IPv4);
     // the sanitizer of undefined behaviour opens descriptors when it first meets a class
-    Poco::Net::StreamSocket first(SocketAddress::IPv4);
-    first.connect(address);
-    EXPECT_EQ(get("/unknown").status, 404);
+    const std::size_t open = descriptorCount();
+    {
+        Poco::Net::StreamSocket first(SocketAddress::IPv4);
+        first.connect(address);
+        EXPECT_EQ(get("/unknown").status, 404);
+    }
+    ASSERT_TRUE(waitUntil([&] { return descriptorCount() == open; }));
     {
         DescriptorLimit limit;
         prepared.connect(address);

@@ -31,7 +31,7 @@ void Poco::NotificationCenter::addObserver(const AbstractObserver& observer) {
 namespace ktr {
 namespace {
 
-using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using namespace test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

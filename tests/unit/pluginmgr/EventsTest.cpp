@@ -7,7 +7,7 @@
 namespace ktr {
 namespace {
 
-using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using namespace test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -410,9 +410,7 @@ TEST_F(DeliveryTest, CostsOnlyTheRecipientThatThrows) {
 
 TEST_F(DeliveryTest, LetsOutExceptionsOfOtherTypesAndFreesTheLock) {
     const auto a = activate("a");
-    a->handler = [](const std::string&) {
-        throw 5; // NOLINT(hicpp-exception-baseclass): that is what is tested
-    };
+    a->handler = [](const std::string&) { throw 5; };
     EXPECT_THROW(deliver(batch({R"({"to":["a"]})", R"({"to":["a"]})"})), int);
     EXPECT_THAT(diary.entries, SizeIs(1));
     EXPECT_THAT(log.messages(), IsEmpty());

@@ -31,7 +31,7 @@ extern "C" KTR_API void ketraFixtureCalled(const char* what) {
 namespace ktr {
 namespace {
 
-using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using namespace test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

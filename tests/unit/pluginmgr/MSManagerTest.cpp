@@ -45,7 +45,7 @@ extern "C" KTR_API pid_t fork() noexcept {
 namespace ktr {
 namespace {
 
-using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using namespace test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

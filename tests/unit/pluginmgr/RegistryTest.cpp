@@ -13,7 +13,7 @@
 namespace ktr {
 namespace {
 
-using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using namespace test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -15,7 +15,7 @@
 namespace ktr {
 namespace {
 
-using namespace test; // NOLINT(google-build-using-namespace): the support of this very test
+using namespace test;
 using Parameters = std::unordered_map<std::string, std::string>;
 using testing::ElementsAre;
 using testing::IsEmpty;
