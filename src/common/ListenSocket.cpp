@@ -45,6 +45,7 @@ void ListenSocket::reportFailure(int code) {
                              __FILE__, __LINE__);
     failing = true;
     connections->endLongestIdle();
+    // The client stays in the backlog, so that the next wait would return at once and spin.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 

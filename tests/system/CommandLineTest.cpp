@@ -1,4 +1,5 @@
 #include "support/HostProcess.h"
+#include "support/Ipv6.h"
 
 #include <Poco/Net/ServerSocket.h>
 
@@ -175,7 +176,7 @@ TEST_F(CommandLineTest, RunsWithoutPluginsAndServicesDirectories) {
 }
 
 TEST_F(CommandLineTest, ShowsAnIPv6AddressInBrackets) {
-    if (!std::filesystem::exists("/proc/net/if_inet6") || readFile("/proc/net/if_inet6").empty())
+    if (!hasIpv6())
         GTEST_SKIP() << "this machine has no IPv6";
     HostProcess host(root, {"--bind=::1"});
     ASSERT_TRUE(host.waitReady()) << host.err();

@@ -3,7 +3,6 @@
 #include "support/Broker.h"
 #include "support/Certificates.h"
 #include "support/LogCapture.h"
-#include "support/PahoSuppressions.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
