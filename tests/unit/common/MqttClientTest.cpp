@@ -39,19 +39,14 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
 
-/// Collects messages, from any thread.
+/// Collects messages, from any thread. Its handlers may outlive it: a broker may send until the
+/// client goes.
 class Mailbox {
 public:
     MqttClient::Handler handler() {
-        return [this](const MqttClient::Message& message) {
-            const std::lock_guard<std::mutex> lock(mutex);
-            kept.push_back(message);
-        };
+        return [kept = kept](const MqttClient::Message& message) { kept->add(message); };
     }
-    std::vector<MqttClient::Message> messages() const {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return kept;
-    }
+    std::vector<MqttClient::Message> messages() const { return kept->all(); }
     std::vector<std::string> payloads() const {
         std::vector<std::string> texts;
         for (const auto& message : messages())
@@ -65,8 +60,23 @@ public:
     std::size_t size() const { return messages().size(); }
 
 private:
-    mutable std::mutex mutex;
-    std::vector<MqttClient::Message> kept;
+    class Kept {
+    public:
+        void add(const MqttClient::Message& message) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            list.push_back(message);
+        }
+        std::vector<MqttClient::Message> all() const {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return list;
+        }
+
+    private:
+        mutable std::mutex mutex;
+        std::vector<MqttClient::Message> list;
+    };
+
+    const std::shared_ptr<Kept> kept = std::make_shared<Kept>();
 };
 
 MqttClient::Settings settingsFor(const std::string& url) {
@@ -645,16 +655,19 @@ TEST(MqttClient, endsSoonWhileTheBrokerHangs) {
     EXPECT_EQ(log.count("1 MQTT messages are not confirmed"), 1);
 }
 
-TEST(MqttClient, leavesNoThreadBehind) {
+TEST(MqttClient, leavesNoThreadBehindButPahosOwn) {
     const Broker broker;
-    const int before = threadCount();
-    {
+    const auto useOne = [&] {
         MqttClient client(settingsFor(broker.url()));
         connectAndWait(client);
         settle(client);
-        EXPECT_GT(threadCount(), before);
-    }
-    EXPECT_TRUE(waitUntil([&] { return threadCount() == before; }));
+    };
+    const int before = threadCount();
+    useOne();
+    // Paho's two stay with its library
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= before + 2; }));
+    useOne();
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= before + 2; }));
 }
 
 } // namespace
