@@ -9,7 +9,6 @@ namespace {
 
 using namespace test;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -21,6 +20,98 @@ std::vector<std::string> texts(const MessageList& queue) {
     for (const auto& message : queue)
         found.push_back(message->text);
     return found;
+}
+
+/// Calls `hook` with whatever is logged, before it is kept. What the hook throws leaves the logger.
+class LogHook {
+public:
+    explicit LogHook(std::function<void(const Poco::Message&)> hook)
+        : former(cachedLogger().getChannel(), true), channel(new Channel(former, std::move(hook))) {
+        cachedLogger().setChannel(channel);
+    }
+    ~LogHook() { cachedLogger().setChannel(former); }
+    LogHook(const LogHook&) = delete;
+    LogHook& operator=(const LogHook&) = delete;
+
+private:
+    class Channel : public Poco::Channel {
+    public:
+        Channel(Poco::AutoPtr<Poco::Channel> next_, std::function<void(const Poco::Message&)> hook_)
+            : next(std::move(next_)), hook(std::move(hook_)) {}
+        void log(const Poco::Message& message) override {
+            hook(message);
+            next->log(message);
+        }
+
+    private:
+        Poco::AutoPtr<Poco::Channel> next;
+        const std::function<void(const Poco::Message&)> hook;
+    };
+
+    const Poco::AutoPtr<Poco::Channel> former;
+    const Poco::AutoPtr<Channel> channel;
+};
+
+/// Whether a thread that does not hold the mutex already could take it.
+bool isFree(std::mutex& mutex) {
+    bool free = false;
+    std::thread([&] {
+        free = mutex.try_lock();
+        if (free)
+            mutex.unlock();
+    }).join();
+    return free;
+}
+
+// ---- state
+
+/// How things stood when the library had been loaded, before any test.
+struct {
+    const bool queuesWereThere =
+        s_transform_message_queue && s_rapid_transform_message_queue && s_transform_message_cache;
+    const bool queuesWereEmpty = s_transform_message_queue->empty() &&
+                                 s_rapid_transform_message_queue->empty() &&
+                                 s_transform_message_cache->empty();
+    const bool poolsWereThere = s_thread_pool || s_rapid_thread_pool;
+    const bool discarding = s_is_discard_message;
+} const atLoad;
+
+TEST(EventStateTest, BeginsWithEmptyQueuesWithoutPoolsAndWithoutOverflow) {
+    EXPECT_TRUE(atLoad.queuesWereThere);
+    EXPECT_TRUE(atLoad.queuesWereEmpty);
+    EXPECT_FALSE(atLoad.poolsWereThere);
+    EXPECT_FALSE(atLoad.discarding);
+}
+
+TEST(EventStateTest, KeepsAMessagesRecipientsBeforeItsText) {
+    const Message message;
+    EXPECT_LT(static_cast<const void*>(&message.to), static_cast<const void*>(&message.text));
+}
+
+/// A pointer that tells standard error when the object goes.
+template <class Object>
+std::shared_ptr<Object> telling(Object* object, const char* name) {
+    return std::shared_ptr<Object>(object, [name](Object* gone) {
+        std::fprintf(stderr, "%s ends\n", name);
+        delete gone;
+    });
+}
+
+using EventStateDeathTest = PluginManagerTest;
+
+TEST_F(EventStateDeathTest, PoolsEndBeforeTheQueuesLastMadeFirst) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto end = [] {
+        s_thread_pool = telling(new ThreadPool("eventCallBack", 1, 4, 60, 0), "normal pool");
+        s_rapid_thread_pool = telling(new ThreadPool("rapidEvent", 1, 4, 60, 0), "rapid pool");
+        s_transform_message_queue = telling(new MessageList, "normal queue");
+        s_rapid_transform_message_queue = telling(new MessageList, "rapid queue");
+        s_transform_message_cache = telling(new MessageList, "cache");
+        std::exit(0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0),
+                "rapid pool ends\nnormal pool ends\ncache ends\nrapid queue ends\n"
+                "normal queue ends\n");
 }
 
 // ---- intake
@@ -65,6 +156,24 @@ TEST_F(EventIntakeTest, MakesTheNormalPoolWithTheFirstEventOnly) {
     EXPECT_EQ(fakes::poolsMade()[1].name, "eventCallBack");
 }
 
+TEST_F(EventIntakeTest, MakesTheNormalPoolBeforeItReadsTheEvent) {
+    sEventCallback("not JSON");
+    EXPECT_NE(s_thread_pool, nullptr);
+    s_thread_pool.reset();
+    fakes::failPools(std::make_exception_ptr(Poco::SystemException("no thread")));
+    sEventCallback("not JSON");
+    const auto failures = log.texts(kCritical);
+    ASSERT_THAT(failures, SizeIs(2));
+    EXPECT_THAT(failures[0], testing::StartsWith("JSON Exception: "));
+    EXPECT_EQ(failures[1], "System exception: no thread");
+}
+
+TEST_F(EventIntakeTest, ARapidEventMakesTheNormalPoolToo) {
+    sEventCallback(kRapid);
+    EXPECT_NE(s_thread_pool, nullptr);
+    EXPECT_EQ(fakes::tasks().at(0).pool, "rapidEvent");
+}
+
 TEST_F(EventIntakeTest, InitThreadPoolReplacesTheRapidPoolAndLeavesTheNormalOne) {
     const auto former = s_rapid_thread_pool;
     EXPECT_EQ(s_thread_pool, nullptr);
@@ -98,6 +207,13 @@ TEST_F(EventIntakeTest, TriesAgainForTheNormalPoolWithTheNextEvent) {
     expectSource(log);
 }
 
+TEST_F(EventIntakeTest, KeepsAnEventPendingWhileThereIsNoPool) {
+    sQueueNormal(std::make_shared<Message>());
+    EXPECT_THAT(*s_transform_message_queue, SizeIs(1));
+    EXPECT_EQ(fakes::taskCount(), 0U);
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
 TEST_F(EventIntakeTest, SubmitsUnderThePathsOwnTaskName) {
     sEventCallback(kNormal);
     sEventCallback(kRapid);
@@ -121,6 +237,9 @@ TEST_F(EventIntakeTest, TakesTheRapidPathForTwoApisOnly) {
     EXPECT_EQ(pathOf(R"({"to":["a"],"api":""})"), "normal");
     EXPECT_EQ(pathOf(R"({"to":["a"],"api":7})"), "normal");
     EXPECT_EQ(pathOf(R"({"to":["a"],"api":true})"), "normal");
+    EXPECT_EQ(pathOf(R"({"to":["a"],"api":["pushTelemetry"]})"), "normal");
+    EXPECT_EQ(pathOf(R"({"to":["a"],"api":{"api":"pushTelemetry"}})"), "normal");
+    EXPECT_EQ(pathOf(R"({"to":["a"],"kind":"pushTelemetry"})"), "normal");
     EXPECT_EQ(pathOf(R"({"to":["a"]})"), "normal");
     EXPECT_EQ(pathOf(R"({"to":[]})"), "normal");
     EXPECT_THAT(log.messages(), IsEmpty());
@@ -134,8 +253,8 @@ TEST_F(EventIntakeTest, IgnoresAnEventWithoutRecipientsSilently) {
 }
 
 TEST_F(EventIntakeTest, LogsWhatIsNoEventAndQueuesNothing) {
-    for (const char* text :
-         {"", "   ", "not JSON", R"({"to":["a"])", R"(["a"])", "[]", R"("a")", "5", "true"}) {
+    for (const char* text : {"", "   ", "not JSON", R"({"to":["a"])", R"(["a"])", "[]", R"("a")",
+                             "5", "true", "null"}) {
         const std::size_t before = log.messages().size();
         EXPECT_EQ(pathOf(text), "none") << text;
         EXPECT_EQ(log.messages().size(), before + 1) << text;
@@ -149,8 +268,10 @@ TEST_F(EventIntakeTest, NamesTheReasonForATopLevelArrayAndANullApi) {
     sEventCallback(R"({"to":["a"],"api":null})");
     const auto failures = log.texts(kCritical);
     ASSERT_THAT(failures, SizeIs(2));
-    EXPECT_THAT(failures[0], HasSubstr("Can not convert "));
-    EXPECT_THAT(failures[1], HasSubstr("Can not convert empty value."));
+    EXPECT_EQ(failures[0], std::string("Bad cast exception: Can not convert ") +
+                               typeid(Poco::JSON::Array::Ptr).name() + " to " +
+                               typeid(Poco::JSON::Object::Ptr).name() + ".");
+    EXPECT_THAT(failures[1], testing::EndsWith("Can not convert empty value."));
     EXPECT_EQ(fakes::taskCount(), 0U);
     EXPECT_THAT(*s_transform_message_queue, IsEmpty());
 }
@@ -164,6 +285,18 @@ TEST_F(EventIntakeTest, KeepsTheTextByteForByteAndTheRecipients) {
     EXPECT_EQ(message.text, text);
     ASSERT_EQ(message.to->size(), 2U);
     EXPECT_EQ(message.to->getElement<std::string>(0), "a");
+}
+
+TEST_F(EventIntakeTest, MovesTheTextAndLeavesTheRecipientsToTheMessageAlone) {
+    busyBothPools();
+    std::string text = R"({"to":["a"],"padding":"longer than any string holds in place"})";
+    const void* const characters = text.data();
+    sEventCallback(std::move(text));
+    ASSERT_THAT(*s_transform_message_queue, SizeIs(1));
+    const std::shared_ptr<Message>& message = s_transform_message_queue->front();
+    EXPECT_EQ(message->text.data(), characters);
+    EXPECT_EQ(message->to.referenceCount(), 1);
+    EXPECT_EQ(message.use_count(), 1);
 }
 
 TEST_F(EventIntakeTest, HandsOverEverythingPendingAsOneBatchInOrder) {
@@ -184,6 +317,28 @@ TEST_F(EventIntakeTest, HandsOverEverythingPendingAsOneBatchInOrder) {
                                           R"(a:onMessage {"to":["a"],"n":2})",
                                           R"(a:onMessage {"to":["a"],"n":3})"));
     EXPECT_EQ(pending.use_count(), 1); // released with its task
+}
+
+TEST_F(EventIntakeTest, HandsOverEverythingPendingOfTheRapidPathToo) {
+    busyBothPools();
+    file("a")->instance = std::make_shared<DiaryPlugin>(diary, "a");
+    const std::string first = R"({"to":["a"],"api":"pushTelemetry","n":1})";
+    const std::string second = R"({"to":["a"],"api":"smaReceivePilotData","n":2})";
+    sEventCallback(first);
+    fakes::setAvailable("rapidEvent", 1);
+    sEventCallback(second);
+    EXPECT_EQ(fakes::taskCount(), 1U);
+    EXPECT_THAT(*s_rapid_transform_message_queue, IsEmpty());
+    fakes::runTasks();
+    EXPECT_THAT(diary.entries, ElementsAre("a:onMessage " + first, "a:onMessage " + second));
+}
+
+TEST_F(EventIntakeTest, SubmitsAnEventForNobodyLikeAnyOther) {
+    sEventCallback(R"({"to":[]})");
+    sEventCallback(R"({"to":[null]})");
+    EXPECT_EQ(fakes::taskCount(), 2U);
+    fakes::runTasks();
+    EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST_F(EventIntakeTest, EmptiesTheRapidQueueWithTheTwentySecondPendingEvent) {
@@ -215,6 +370,46 @@ TEST_F(EventIntakeTest, EmptiesTheNormalQueueSilentlyWithTheFiftySecondPendingEv
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
+TEST_F(EventIntakeTest, AnOverflowSetsTheFlagBeforeItDropsTheQueueAndLogsAfterwards) {
+    busyBothPools();
+    std::vector<std::string> order;
+    const auto telltale = [&] {
+        return std::shared_ptr<Message>(new Message, [&](const Message* dropped) {
+            order.emplace_back(s_is_discard_message ? "dropped, flag set" : "dropped");
+            delete dropped;
+        });
+    };
+    const LogHook hook([&](const Poco::Message&) { order.emplace_back("logged"); });
+    for (auto [queue, limit, text] : {std::tuple(s_rapid_transform_message_queue, 20, kRapid),
+                                      std::tuple(s_transform_message_queue, 50, kNormal)}) {
+        queue->push_back(telltale());
+        for (int i = 0; i < limit; ++i)
+            queue->push_back(std::make_shared<Message>());
+        s_is_discard_message = false;
+        sEventCallback(text);
+    }
+    EXPECT_THAT(order, ElementsAre("dropped, flag set", "logged", "dropped, flag set"));
+}
+
+TEST_F(EventIntakeTest, OverflowsAlsoWhenAThreadHasBecomeFree) {
+    busyBothPools();
+    for (int i = 0; i < 51; ++i) {
+        sEventCallback(kNormal);
+        if (i < 21)
+            sEventCallback(kRapid);
+    }
+    fakes::setAvailable("eventCallBack", 1);
+    fakes::setAvailable("rapidEvent", 1);
+    const auto normal = s_transform_message_queue;
+    const auto rapid = s_rapid_transform_message_queue;
+    sEventCallback(R"({"to":["a"],"n":52})");
+    sEventCallback(R"({"to":["a"],"api":"pushTelemetry","n":22})");
+    EXPECT_TRUE(s_is_discard_message);
+    EXPECT_THAT(texts(*normal), ElementsAre(R"({"to":["a"],"n":52})"));
+    EXPECT_THAT(texts(*rapid), ElementsAre(R"({"to":["a"],"api":"pushTelemetry","n":22})"));
+    EXPECT_EQ(fakes::taskCount(), 2U);
+}
+
 TEST_F(EventIntakeTest, AnOverflowOfOnePathStopsTheNextBatchOfTheOther) {
     fakes::setAvailable("rapidEvent", 0);
     const auto object = std::make_shared<DiaryPlugin>(diary, "a");
@@ -228,6 +423,17 @@ TEST_F(EventIntakeTest, AnOverflowOfOnePathStopsTheNextBatchOfTheOther) {
     EXPECT_EQ(log.count("recieved service's message discard!"), 1);
     EXPECT_THAT(diary.entries, SizeIs(1));
     EXPECT_FALSE(s_is_discard_message);
+}
+
+TEST_F(EventIntakeTest, AnOverflowOfTheNormalPathStopsARapidBatch) {
+    fakes::setAvailable("eventCallBack", 0);
+    file("a")->instance = std::make_shared<DiaryPlugin>(diary, "a");
+    for (int i = 0; i < 52; ++i)
+        sEventCallback(kNormal);
+    sEventCallback(kRapid);
+    fakes::runTasks();
+    EXPECT_EQ(log.count("recieved service's message discard!"), 1);
+    EXPECT_THAT(diary.entries, IsEmpty());
 }
 
 TEST_F(EventIntakeTest, DropsABatchThatThePoolRefuses) {
@@ -245,18 +451,65 @@ TEST_F(EventIntakeTest, DropsABatchThatThePoolRefuses) {
     expectSource(log);
 }
 
+TEST_F(EventIntakeTest, SwapsAFreshQueueInBeforeTheHandOver) {
+    const auto normal = s_transform_message_queue;
+    const auto rapid = s_rapid_transform_message_queue;
+    std::vector<bool> swapped;
+    fakes::onStart([&] { // holds the queue's mutex, being called by start
+        const bool isNormal = swapped.empty();
+        const auto& queue = isNormal ? s_transform_message_queue : s_rapid_transform_message_queue;
+        swapped.push_back(queue != (isNormal ? normal : rapid) && queue->empty());
+    });
+    sEventCallback(kNormal);
+    sEventCallback(kRapid);
+    EXPECT_THAT(swapped, ElementsAre(true, true));
+    EXPECT_THAT(*normal, SizeIs(1));
+    EXPECT_THAT(*rapid, SizeIs(1));
+}
+
+TEST_F(EventIntakeTest, LogsAPoolsStandardFailureAtInformation) {
+    fakes::failStart(std::make_exception_ptr(std::runtime_error("no %d memory")));
+    sEventCallback(kNormal);
+    sEventCallback(kRapid);
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "no %d memory"),
+                                        std::tuple(kInformation, "no %d memory")));
+}
+
+TEST_F(EventIntakeTest, LetsOutExceptionsOfOtherTypesAndFreesTheQueue) {
+    fakes::failStart(std::make_exception_ptr(5));
+    EXPECT_THROW(sEventCallback(kNormal), int);
+    EXPECT_THROW(sEventCallback(kRapid), int);
+    EXPECT_TRUE(isFree(s_transform_message_mutex) && isFree(s_rapid_transform_message_mutex));
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(EventIntakeTest, NeverTouchesTheIdleSlot) {
+    const auto slot = s_transform_message_cache;
+    sEventCallback(kNormal);
+    sEventCallback(kRapid);
+    busyBothPools();
+    for (int i = 0; i < 52; ++i) {
+        sEventCallback(kNormal);
+        sEventCallback(kRapid);
+    }
+    fakes::runTasks();
+    EXPECT_EQ(s_transform_message_cache, slot);
+    EXPECT_THAT(*slot, IsEmpty());
+}
+
+TEST_F(EventIntakeTest, NeedsNoRegistryLock) {
+    const std::lock_guard<std::mutex> lock(s_plugin_mutex);
+    std::thread other([] {
+        sEventCallback(kNormal);
+        sEventCallback(kRapid);
+    });
+    EXPECT_TRUE(waitUntil([] { return fakes::taskCount() == 2; }));
+    other.join();
+}
+
 TEST_F(EventIntakeTest, HoldsTheQueuesMutexAcrossTheHandOver) {
     std::vector<bool> normalFree;
     std::vector<bool> rapidFree;
-    const auto isFree = [](std::mutex& mutex) {
-        bool free = false;
-        std::thread([&] {
-            free = mutex.try_lock();
-            if (free)
-                mutex.unlock();
-        }).join();
-        return free;
-    };
     fakes::onStart([&] {
         normalFree.push_back(isFree(s_transform_message_mutex));
         rapidFree.push_back(isFree(s_rapid_transform_message_mutex));
@@ -275,6 +528,17 @@ TEST_F(EventIntakeTest, PublishingLeavesTheTextUntouched) {
     publishMsgToAllPlugin(text);
     EXPECT_EQ(text, before);
     EXPECT_THAT(texts(*s_transform_message_queue), ElementsAre(before));
+}
+
+TEST_F(EventIntakeTest, PublishingTakesTheRouteOfAnyEvent) {
+    std::string rapid = kRapid;
+    publishMsgToAllPlugin(rapid);
+    EXPECT_EQ(fakes::tasks().at(0).name, "rapidEventCallBack");
+    std::string noEvent = "not JSON";
+    publishMsgToAllPlugin(noEvent);
+    EXPECT_EQ(noEvent, "not JSON");
+    EXPECT_THAT(log.texts(kCritical), SizeIs(1));
+    EXPECT_EQ(fakes::taskCount(), 1U);
 }
 
 TEST_F(EventIntakeTest, TakesEventsFromManyThreads) {
@@ -367,6 +631,12 @@ TEST_F(DeliveryTest, DeliversNothingForNoRecipients) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
+TEST_F(DeliveryTest, ReachesARecordThatIsFiledWithoutAGuid) {
+    activate("");
+    deliver(batch({R"({"to":[""]})"}));
+    EXPECT_THAT(diary.entries, ElementsAre(R"(:onMessage {"to":[""]})"));
+}
+
 TEST_F(DeliveryTest, PassesOverAbsentRecipientsSilently) {
     file("inactive");
     s_plugins_map["null"] = nullptr;
@@ -392,6 +662,24 @@ TEST_F(DeliveryTest, LogsARecipientThatIsNoStringAndGoesOn) {
     expectSource(log);
 }
 
+TEST_F(DeliveryTest, NamesTheTypeOfARecipientThatIsNoString) {
+    deliver(batch({R"({"to":[true,{},[],1.5]})"}));
+    const auto expected = [](const std::type_info& type) {
+        return std::tuple(kError, failure(std::string("Bad cast exception: Can not convert ") +
+                                          type.name() + " to " + typeid(std::string).name() + "."));
+    };
+    EXPECT_THAT(lines(log),
+                ElementsAre(expected(typeid(bool)), expected(typeid(Poco::JSON::Object::Ptr)),
+                            expected(typeid(Poco::JSON::Array::Ptr)), expected(typeid(double))));
+}
+
+TEST_F(DeliveryTest, NeedsNoLockForARecipientThatIsNoString) {
+    const std::lock_guard<std::mutex> lock(s_plugin_mutex);
+    std::thread other([&] { deliver(batch({R"({"to":[5,null]})", R"({"to":[]})"})); });
+    EXPECT_TRUE(waitUntil([&] { return log.count("exception in event callback") == 1; }));
+    other.join();
+}
+
 TEST_F(DeliveryTest, CostsOnlyTheRecipientThatThrows) {
     const auto a = activate("a");
     activate("b");
@@ -405,6 +693,48 @@ TEST_F(DeliveryTest, CostsOnlyTheRecipientThatThrows) {
     EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, failure("no %s today")),
                                         std::tuple(kError, failure("Data error: refused"))));
     EXPECT_TRUE(registryIsFree());
+    expectSource(log);
+}
+
+TEST_F(DeliveryTest, FreesTheLockBeforeItLogsAFailure) {
+    std::vector<bool> free;
+    const LogHook hook([&](const Poco::Message&) { free.push_back(registryIsFree()); });
+    const auto a = activate("a");
+    a->handler = [](const std::string& text) {
+        if (text.find("poco") != std::string::npos)
+            throw Poco::DataException("refused");
+        throw std::runtime_error("refused");
+    };
+    deliver(batch({R"({"to":["a"]})", R"({"to":["a"],"kind":"poco"})"}));
+    EXPECT_THAT(free, ElementsAre(true, true));
+}
+
+TEST_F(DeliveryTest, HoldsTheLockForOneRecipientAtATime) {
+    activate("a");
+    activate("b");
+    // The line about the number comes between the two deliveries.
+    const LogHook hook([](const Poco::Message&) {
+        ASSERT_TRUE(registryIsFree());
+        unregisterPlugin("b");
+    });
+    deliver(batch({R"({"to":["a",5,"b"]})"}));
+    EXPECT_THAT(diary.entries, ElementsAre(R"(a:onMessage {"to":["a",5,"b"]})", "b:destroyed"));
+}
+
+TEST_F(DeliveryTest, GoesOnWithTheNextMessageWhenAFailureCannotBeLogged) {
+    activate("a");
+    int refused = 0;
+    const LogHook hook([&](const Poco::Message& line) {
+        if (line.getText().find("Can not convert") == std::string::npos)
+            return;
+        if (++refused == 1)
+            throw Poco::DataException("disk full");
+        throw std::runtime_error("no disk");
+    });
+    deliver(batch({R"({"to":[5,"a"],"n":1})", R"({"to":[5,"a"],"n":2})", R"({"to":["a"],"n":3})"}));
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, failure("Data error: disk full")),
+                                        std::tuple(kError, failure("no disk"))));
+    EXPECT_THAT(diary.entries, ElementsAre(R"(a:onMessage {"to":["a"],"n":3})"));
     expectSource(log);
 }
 
@@ -430,6 +760,37 @@ TEST_F(DeliveryTest, GivesUpOneBatchAfterAnOverflow) {
     expectSource(log);
 }
 
+TEST_F(DeliveryTest, ForgetsTheOverflowBeforeItLogsThatItGivesUp) {
+    activate("a");
+    s_is_discard_message = true;
+    const LogHook hook([](const Poco::Message& line) {
+        if (line.getPriority() == kInformation)
+            throw Poco::DataException("disk full");
+    });
+    deliver(batch({R"({"to":["a"],"n":1})", R"({"to":["a"],"n":2})"}));
+    EXPECT_FALSE(s_is_discard_message);
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kError, failure("Data error: disk full"))));
+    EXPECT_THAT(diary.entries, ElementsAre(R"(a:onMessage {"to":["a"],"n":2})"));
+}
+
+TEST_F(DeliveryTest, GivesUpAlsoAtAMessageForNobody) {
+    const auto list = std::make_shared<MessageList>();
+    list->push_back(std::make_shared<Message>());
+    s_is_discard_message = true;
+    deliver(list);
+    EXPECT_FALSE(s_is_discard_message);
+    EXPECT_EQ(log.count("recieved service's message discard!"), 1);
+}
+
+TEST_F(DeliveryTest, ServesEveryRecipientOfAMessageThatItHasBegun) {
+    const auto a = activate("a");
+    activate("b");
+    a->handler = [](const std::string&) { s_is_discard_message = true; };
+    deliver(batch({R"({"to":["a","b"]})", R"({"to":["b"]})"}));
+    EXPECT_THAT(diary.entries,
+                ElementsAre(R"(a:onMessage {"to":["a","b"]})", R"(b:onMessage {"to":["a","b"]})"));
+}
+
 TEST_F(DeliveryTest, GivesUpTheRestOfABatchThatARecipientOverflows) {
     const auto a = activate("a");
     a->handler = [](const std::string&) { s_is_discard_message = true; };
@@ -449,6 +810,14 @@ TEST_F(DeliveryTest, DoesNothingWithoutABatchOrWhenDisabled) {
     EXPECT_THAT(diary.entries, IsEmpty());
     EXPECT_TRUE(s_is_discard_message);
     EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(DeliveryTest, AsksOnlyBeforeTheBatchWhetherItIsEnabled) {
+    bool enabled = true;
+    const auto a = activate("a");
+    a->handler = [&](const std::string&) { enabled = false; };
+    sMessageTransformer(batch({R"({"to":["a"]})", R"({"to":["a"]})"}), enabled);
+    EXPECT_THAT(diary.entries, SizeIs(2));
 }
 
 TEST_F(DeliveryTest, GivesEachRecipientItsOwnCopyOfTheText) {
