@@ -290,11 +290,11 @@ TEST_F(EventIntakeTest, KeepsTheTextByteForByteAndTheRecipients) {
 TEST_F(EventIntakeTest, MovesTheTextAndLeavesTheRecipientsToTheMessageAlone) {
     busyBothPools();
     std::string text = R"({"to":["a"],"padding":"longer than any string holds in place"})";
-    const void* const characters = text.data();
+    const auto characters = reinterpret_cast<std::uintptr_t>(text.data());
     sEventCallback(std::move(text));
     ASSERT_THAT(*s_transform_message_queue, SizeIs(1));
     const std::shared_ptr<Message>& message = s_transform_message_queue->front();
-    EXPECT_EQ(message->text.data(), characters);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(message->text.data()), characters);
     EXPECT_EQ(message->to.referenceCount(), 1);
     EXPECT_EQ(message.use_count(), 1);
 }
@@ -483,6 +483,25 @@ TEST_F(EventIntakeTest, LetsOutExceptionsOfOtherTypesAndFreesTheQueue) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
+TEST_F(EventIntakeTest, DoesTheSameWhenTheLogTakesNothing) {
+    cachedLogger().setLevel(Poco::Message::PRIO_FATAL);
+    fakes::failPools(std::make_exception_ptr(std::runtime_error("no memory")));
+    sEventCallback(kNormal);
+    fakes::failPools(nullptr);
+    sEventCallback("not JSON");
+    fakes::failStart(std::make_exception_ptr(std::runtime_error("no thread")));
+    sEventCallback(kNormal);
+    sEventCallback(kRapid);
+    EXPECT_THAT(*s_transform_message_queue, IsEmpty());
+    EXPECT_THAT(*s_rapid_transform_message_queue, IsEmpty());
+    busyBothPools();
+    for (int i = 0; i < 22; ++i)
+        sEventCallback(kRapid);
+    EXPECT_THAT(*s_rapid_transform_message_queue, SizeIs(1));
+    EXPECT_TRUE(s_is_discard_message);
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
 TEST_F(EventIntakeTest, NeverTouchesTheIdleSlot) {
     const auto slot = s_transform_message_cache;
     sEventCallback(kNormal);
@@ -498,12 +517,13 @@ TEST_F(EventIntakeTest, NeverTouchesTheIdleSlot) {
 }
 
 TEST_F(EventIntakeTest, NeedsNoRegistryLock) {
-    const std::lock_guard<std::mutex> lock(s_plugin_mutex);
+    std::unique_lock<std::mutex> lock(s_plugin_mutex);
     std::thread other([] {
         sEventCallback(kNormal);
         sEventCallback(kRapid);
     });
     EXPECT_TRUE(waitUntil([] { return fakes::taskCount() == 2; }));
+    lock.unlock();
     other.join();
 }
 
@@ -674,9 +694,10 @@ TEST_F(DeliveryTest, NamesTheTypeOfARecipientThatIsNoString) {
 }
 
 TEST_F(DeliveryTest, NeedsNoLockForARecipientThatIsNoString) {
-    const std::lock_guard<std::mutex> lock(s_plugin_mutex);
+    std::unique_lock<std::mutex> lock(s_plugin_mutex);
     std::thread other([&] { deliver(batch({R"({"to":[5,null]})", R"({"to":[]})"})); });
     EXPECT_TRUE(waitUntil([&] { return log.count("exception in event callback") == 1; }));
+    lock.unlock();
     other.join();
 }
 
@@ -789,6 +810,20 @@ TEST_F(DeliveryTest, ServesEveryRecipientOfAMessageThatItHasBegun) {
     deliver(batch({R"({"to":["a","b"]})", R"({"to":["b"]})"}));
     EXPECT_THAT(diary.entries,
                 ElementsAre(R"(a:onMessage {"to":["a","b"]})", R"(b:onMessage {"to":["a","b"]})"));
+}
+
+TEST_F(DeliveryTest, DoesTheSameWhenTheLogTakesNothing) {
+    cachedLogger().setLevel(Poco::Message::PRIO_FATAL);
+    const auto a = activate("a");
+    activate("b");
+    a->handler = [](const std::string&) { throw std::runtime_error("refused"); };
+    deliver(batch({R"({"to":["a",5,"b"]})"}));
+    EXPECT_THAT(diary.entries, SizeIs(2));
+    s_is_discard_message = true;
+    deliver(batch({R"({"to":["b"]})"}));
+    EXPECT_THAT(diary.entries, SizeIs(2));
+    EXPECT_FALSE(s_is_discard_message);
+    EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST_F(DeliveryTest, GivesUpTheRestOfABatchThatARecipientOverflows) {
