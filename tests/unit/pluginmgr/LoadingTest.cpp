@@ -1,31 +1,15 @@
-#include "PluginManagerUnderTest.h"
+#include "FixtureCalls.h"
+#include "LogWitness.h"
+#include "SharedLibraryProbe.h"
 
+#include "support/RefusingMutex.h"
 #include "support/TempDir.h"
-#include "support/WaitUntil.h"
-
-#include <dlfcn.h>
 
 #include <fstream>
 
-namespace {
-
-// What the fixture plugins were asked, oldest first, each with what the registry held then.
-struct Call {
-    std::string what;
-    bool registryWasFree;
-    std::size_t records;
-};
-
-std::vector<Call>& calls() {
-    static std::vector<Call> made;
-    return made;
-}
-
-} // namespace
-
 /// The fixture plugins tell it what the library called.
 extern "C" KTR_API void ketraFixtureCalled(const char* what) {
-    calls().push_back({what, ktr::test::registryIsFree(), ktr::s_plugins_map.size()});
+    ktr::test::FixtureCalls::instance().note(what);
 }
 
 namespace ktr {
@@ -33,31 +17,23 @@ namespace {
 
 using namespace test;
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-std::string fixture(const std::string& name) {
-    return KETRA_FIXTURE_PLUGINS "/libKetraPluginFixture" + name + ".so";
-}
-
-std::vector<std::string> called() {
-    std::vector<std::string> names;
-    for (const Call& call : calls())
-        names.push_back(call.what);
-    return names;
-}
-
-class LoadingTest : public PluginManagerTest {
+class LoadingTest : public FixturePluginTest {
 protected:
-    LoadingTest() { calls().clear(); }
+    LoadingTest() { SharedLibraryProbe::instance().lookUps.clear(); }
 
-    static void load(const std::list<std::string>& files) {
-        fakes::setFiles(files);
-        PluginLoadAll();
+    /// Has the fixtures' function `what` throw `failure`.
+    template <class Failure>
+    static void failIn(const std::string& what, const Failure& failure) {
+        FixtureCalls::instance().hook = [what, failure](const std::string& called) {
+            if (called == what)
+                throw failure;
+        };
     }
-
-    const LogCapture log;
 };
 
 TEST_F(LoadingTest, ListsThePluginsBelowTheCurrentPath) {
@@ -70,7 +46,6 @@ TEST_F(LoadingTest, ListsThePluginsBelowTheCurrentPath) {
     EXPECT_EQ(listings[0].filter, "libKetraPlugin");
     EXPECT_TRUE(listings[0].outWasEmpty);
     EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "load plugin count: 0")));
-    expectSource(log);
 }
 
 TEST_F(LoadingTest, FilesACompletePluginBeforeItsPluginLoadAndCountsItAfterwards) {
@@ -84,11 +59,77 @@ TEST_F(LoadingTest, FilesACompletePluginBeforeItsPluginLoadAndCountsItAfterwards
                                         std::tuple(kInformation, "plugin '" + path + "' loaded"),
                                         std::tuple(kInformation, "load plugin count: 1")));
     EXPECT_THAT(called(), ElementsAre("PluginType", "PluginName", "PluginGuid", "PluginLoad"));
-    for (const Call& call : calls()) {
+    for (const FixtureCall& call : FixtureCalls::instance().made) {
         EXPECT_TRUE(call.registryWasFree) << call.what;
         EXPECT_EQ(call.records, call.what == "PluginLoad" ? 1U : 0U) << call.what;
     }
-    expectSource(log);
+}
+
+TEST_F(LoadingTest, LogsAPluginAsLoadedBeforeItCountsItAndHoldsNoLockForAnyLine) {
+    const LogWitness witness;
+    const std::string path = fixture("Complete");
+    load({path});
+    EXPECT_THAT(witness.lines(), ElementsAre(FieldsAre("plugin type: -7", true, 0, 0),
+                                             FieldsAre("plugin name: fixture", true, 0, 0),
+                                             FieldsAre("plugin guid: complete", true, 0, 0),
+                                             FieldsAre("plugin regist, guid: complete", true, 0, 1),
+                                             FieldsAre("plugin regist, guid: complete", true, 0, 1),
+                                             FieldsAre("plugin '" + path + "' loaded", true, 0, 1),
+                                             FieldsAre("load plugin count: 1", true, 1, 1)));
+}
+
+TEST_F(LoadingTest, LooksUpTheFiveEntryPointsInOrderAndNothingElse) {
+    load({fixture("Complete"), fixture("Minimal")});
+    EXPECT_THAT(SharedLibraryProbe::instance().lookUps,
+                ElementsAre("has PluginLoad", "get PluginLoad", "has PluginUnLoad",
+                            "get PluginUnLoad", "has PluginType", "get PluginType",
+                            "has PluginName", "get PluginName", "has PluginGuid", "get PluginGuid",
+                            // Minimal
+                            "has PluginLoad", "get PluginLoad", "has PluginUnLoad",
+                            "has PluginType", "has PluginName", "has PluginGuid",
+                            "get PluginGuid"));
+}
+
+TEST_F(LoadingTest, CallsPluginsOneByOneInTheOrderOfTheListing) {
+    load({fixture("Minimal"), fixture("NoLoad")});
+    EXPECT_THAT(called(),
+                ElementsAre("PluginGuid", "PluginLoad", "PluginType", "PluginName", "PluginGuid"));
+    FixtureCalls::instance().clear();
+    load({fixture("NoLoad"), fixture("Minimal")});
+    EXPECT_THAT(called(),
+                ElementsAre("PluginType", "PluginName", "PluginGuid", "PluginGuid", "PluginLoad"));
+}
+
+TEST_F(LoadingTest, CallsPluginsOnTheCallersThread) {
+    std::vector<std::thread::id> threads;
+    FixtureCalls::instance().hook = [&](const std::string& /*what*/) {
+        threads.push_back(std::this_thread::get_id());
+    };
+    load({fixture("Complete")});
+    EXPECT_THAT(threads, testing::SizeIs(4));
+    EXPECT_THAT(threads, testing::Each(std::this_thread::get_id()));
+}
+
+TEST_F(LoadingTest, FilesALibraryWithoutAnyEntryPointAfterFiveErrors) {
+    const std::string path = fixture("Bare");
+    load({path});
+    EXPECT_THAT(
+        lines(log),
+        ElementsAre(std::tuple(kError, "interface 'PluginLoad' not exist, plugin: " + path),
+                    std::tuple(kError, "interface 'PluginUnLoad' not exist, plugin: " + path),
+                    std::tuple(kError, "interface 'PluginType' not exist, plugin: " + path),
+                    std::tuple(kError, "interface 'PluginName' not exist, plugin: " + path),
+                    std::tuple(kError, "interface 'PluginGuid' not exist, plugin: " + path),
+                    std::tuple(kInformation, "load plugin count: 0")));
+    ASSERT_EQ(s_plugins_map.size(), 1U);
+    const std::shared_ptr<Plugin> plugin = s_plugins_map.at("");
+    EXPECT_TRUE(plugin->loadFn == nullptr && plugin->unloadFn == nullptr);
+    EXPECT_TRUE(plugin->typeFn == nullptr && plugin->nameFn == nullptr);
+    EXPECT_TRUE(plugin->guidFn == nullptr);
+    EXPECT_EQ(plugin->type, 0);
+    EXPECT_EQ(plugin->name + plugin->guid, "");
+    EXPECT_TRUE(plugin->library.isNull());
+    EXPECT_EQ(s_plugin_cnt, 0);
 }
 
 TEST_F(LoadingTest, KeepsWhatThePluginSaysOfItself) {
@@ -122,7 +163,6 @@ TEST_F(LoadingTest, LoadsAPluginThatOffersOnlyLoadAndGuid) {
     EXPECT_EQ(log.count("plugin type"), 0);
     EXPECT_EQ(log.count("plugin name"), 0);
     EXPECT_EQ(log.count("load plugin count: 1"), 1);
-    expectSource(log);
 }
 
 TEST_F(LoadingTest, FilesPluginsWithoutAGuidUnderTheEmptyOneAndRefusesTheirFactory) {
@@ -181,14 +221,63 @@ TEST_F(LoadingTest, KeepsTheRecordUncountedWhenPluginLoadThrows) {
     EXPECT_EQ(s_plugin_cnt, 1);
     EXPECT_EQ(log.count("' loaded"), 1);
     EXPECT_TRUE(registryIsFree());
-    expectSource(log);
 }
 
-TEST_F(LoadingTest, FilesNothingWhenPluginTypeThrows) {
-    load({fixture("TypeThrows")});
-    EXPECT_THAT(log.texts(kCritical), ElementsAre("type failed"));
+TEST_F(LoadingTest, FilesNothingWhenADescribingEntryPointThrows) {
+    const std::vector<std::string> entryPoints{"PluginType", "PluginName", "PluginGuid"};
+    for (std::size_t at = 0; at < entryPoints.size(); ++at) {
+        FixtureCalls::instance().clear();
+        failIn(entryPoints[at], std::runtime_error(entryPoints[at] + " failed"));
+        load({fixture("Complete")});
+        EXPECT_THAT(called(), testing::ElementsAreArray(entryPoints.data(), at + 1));
+        failIn(entryPoints[at], Poco::DataException(entryPoints[at]));
+        load({fixture("Complete")});
+    }
+    EXPECT_THAT(log.texts(kCritical), ElementsAre("PluginType failed", "Data error: PluginType",
+                                                  "PluginName failed", "Data error: PluginName",
+                                                  "PluginGuid failed", "Data error: PluginGuid"));
     EXPECT_THAT(s_plugins_map, IsEmpty());
-    EXPECT_THAT(called(), ElementsAre("PluginType"));
+    EXPECT_EQ(log.count("load plugin count: 0"), 6);
+}
+
+TEST_F(LoadingTest, KeepsTheLibraryMappedAndGoesOnWhenAnEntryPointThrows) {
+    load({fixture("TypeThrows"), fixture("Complete")});
+    EXPECT_THAT(log.texts(kCritical), ElementsAre("type failed"));
+    EXPECT_THAT(called(),
+                ElementsAre("PluginType", "PluginType", "PluginName", "PluginGuid", "PluginLoad"));
+    EXPECT_TRUE(isMapped(fixture("TypeThrows")));
+    EXPECT_EQ(s_plugins_map.count("type-throws"), 0U);
+    EXPECT_EQ(log.count("load plugin count: 1"), 1);
+}
+
+TEST_F(LoadingTest, LetsOutWhatIsNoStandardExceptionAndLoadsNothingMore) {
+    failIn("PluginLoad", 42);
+    EXPECT_THROW(load({fixture("Complete"), fixture("Minimal")}), int);
+    EXPECT_THAT(called(), ElementsAre("PluginType", "PluginName", "PluginGuid", "PluginLoad"));
+    EXPECT_EQ(s_plugins_map.count("complete"), 1U);
+    EXPECT_EQ(s_plugin_cnt, 0);
+    EXPECT_EQ(log.count("load plugin count"), 0);
+    EXPECT_THAT(log.texts(kCritical), IsEmpty());
+    EXPECT_TRUE(registryIsFree());
+}
+
+TEST_F(LoadingTest, LetsOutWhatTheListingThrowsThatIsNoStandardException) {
+    fakes::failListing(std::make_exception_ptr(42));
+    EXPECT_THROW(load({fixture("Complete")}), int);
+    EXPECT_THAT(called(), IsEmpty());
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(LoadingTest, FilesNothingWhenTheLockFails) {
+    {
+        const RefusingMutex refusing(s_plugin_mutex);
+        load({fixture("Complete")});
+    }
+    EXPECT_THAT(log.texts(kCritical),
+                ElementsAre(std::system_error(EDEADLK, std::generic_category()).what()));
+    EXPECT_THAT(s_plugins_map, IsEmpty());
+    EXPECT_THAT(called(), ElementsAre("PluginType", "PluginName", "PluginGuid"));
+    EXPECT_EQ(log.count("load plugin count: 0"), 1);
 }
 
 TEST_F(LoadingTest, PassesOverWhatIsNoLibrary) {
@@ -229,14 +318,21 @@ TEST_F(LoadingTest, CountsOnAndDropsFormerObjectsWithoutStopInASecondCall) {
     EXPECT_EQ(log.count("load plugin count: 2"), 1);
 }
 
+TEST_F(LoadingTest, DropsAReplacedRecordUnderTheLock) {
+    bool free = true;
+    file("complete")->factory = [held = std::shared_ptr<void>(nullptr, [&](void*) {
+                                     free = registryIsFree();
+                                 })] { return std::shared_ptr<PluginBase>(); };
+    load({fixture("Complete")});
+    EXPECT_FALSE(free);
+}
+
 TEST_F(LoadingTest, LeavesPluginCodeMappedAfterUnloading) {
     load({fixture("Complete")});
     const std::shared_ptr<PluginBase> object = s_plugins_map.at("complete")->factory();
     PluginUnLoadAll();
-    void* const mapped = dlopen(fixture("Complete").c_str(), RTLD_LAZY | RTLD_NOLOAD);
-    ASSERT_NE(mapped, nullptr);
-    dlclose(mapped);
-    calls().clear();
+    ASSERT_TRUE(isMapped(fixture("Complete")));
+    FixtureCalls::instance().clear();
     object->stop();
     EXPECT_THAT(called(), ElementsAre("stop"));
 }
@@ -248,147 +344,9 @@ TEST_F(LoadingDeathTest, ANullNameEndsTheProcess) {
     EXPECT_DEATH(load({fixture("NullName")}), "");
 }
 
-// ---- unloading
-
-class UnloadingTest : public LoadingTest {
-protected:
-    ~UnloadingTest() override {
-        _loop_thread_get_cpu_temp_run = false;
-        if (_loop_thread_get_cpu_temp.joinable())
-            _loop_thread_get_cpu_temp.join();
-    }
-
-    std::shared_ptr<DiaryPlugin> activate(const std::string& guid) {
-        auto instance = std::make_shared<DiaryPlugin>(diary, guid);
-        file(guid)->instance = instance;
-        return instance;
-    }
-};
-
-TEST_F(UnloadingTest, IsSilentWithoutPluginsAndSamplingThread) {
-    _loop_thread_get_cpu_temp_run = true;
-    PluginUnLoadAll();
-    PluginUnLoadAll();
-    EXPECT_THAT(log.messages(), IsEmpty());
-    EXPECT_TRUE(_loop_thread_get_cpu_temp_run);
-}
-
-TEST_F(UnloadingTest, StopsThenDropsTheObjectUnderTheLock) {
-    s_plugin_cnt = 4;
-    std::vector<bool> free;
-    {
-        const auto instance = activate("a");
-        PluginUnLoadAll();
-        free = instance->registryWasFree;
-        EXPECT_EQ(instance.use_count(), 1);
-    }
-    EXPECT_THAT(diary.entries, ElementsAre("a:stop", "a:destroyed"));
-    EXPECT_THAT(free, ElementsAre(false));
-    EXPECT_THAT(
-        lines(log),
-        ElementsAre(std::tuple(kInformation, "----before PluginUnLoadAll-plugin: name of a"),
-                    std::tuple(kInformation, "----end PluginUnLoadAll-plugin: name of a")));
-    EXPECT_THAT(s_plugins_map, IsEmpty());
-    EXPECT_EQ(s_plugin_cnt, 0);
-    EXPECT_TRUE(registryIsFree());
-    expectSource(log);
-}
-
-TEST_F(UnloadingTest, CallsNothingInAPluginThatWasNeverActivated) {
-    load({fixture("Complete")});
-    s_plugins_map["null"] = nullptr;
-    calls().clear();
-    PluginUnLoadAll();
-    EXPECT_THAT(called(), IsEmpty());
-    EXPECT_EQ(log.count("----before PluginUnLoadAll-plugin: fixture"), 1);
-    EXPECT_EQ(log.count("----end PluginUnLoadAll-plugin: fixture"), 1);
-    EXPECT_EQ(log.count("PluginUnLoadAll-plugin: "), 2);
-    EXPECT_THAT(s_plugins_map, IsEmpty());
-}
-
-TEST_F(UnloadingTest, UnloadsALibraryThatTheRecordOwnsBeforeItStopsTheObject) {
-    const auto plugin = file("a");
-    plugin->library = new Poco::SharedLibrary;
-    plugin->library->load(fixture("Complete"));
-    const Poco::SharedPtr<Poco::SharedLibrary> library = plugin->library;
-    const auto instance = std::make_shared<DiaryPlugin>(diary, "a");
-    plugin->instance = instance;
-    PluginUnLoadAll();
-    EXPECT_FALSE(library->isLoaded());
-    EXPECT_TRUE(plugin->library.isNull());
-    EXPECT_THAT(diary.entries, ElementsAre("a:stop"));
-}
-
-TEST_F(UnloadingTest, LeavesTheRestAsItIsWhenAStopThrows) {
-    s_plugin_cnt = 2;
-    const auto first = activate("a");
-    const auto second = activate("b");
-    const std::string before = s_plugins_map.begin()->first;
-    (before == "a" ? first : second)->throwOnStop = true;
-    _loop_thread_get_cpu_temp_run = true;
-    _loop_thread_get_cpu_temp =
-        std::thread([] { waitUntil([] { return !_loop_thread_get_cpu_temp_run; }); });
-    PluginUnLoadAll();
-    EXPECT_THAT(log.texts(kCritical), ElementsAre("stop failed"));
-    EXPECT_THAT(diary.entries, ElementsAre(before + ":stop"));
-    EXPECT_EQ(s_plugins_map.size(), 2U);
-    EXPECT_TRUE(s_plugins_map.at("a")->instance && s_plugins_map.at("b")->instance);
-    EXPECT_EQ(log.count("----before PluginUnLoadAll-plugin: name of " + before), 1);
-    EXPECT_EQ(log.count("PluginUnLoadAll-plugin: "), 1);
-    EXPECT_EQ(s_plugin_cnt, 0);
-    EXPECT_TRUE(_loop_thread_get_cpu_temp_run);
-    EXPECT_TRUE(_loop_thread_get_cpu_temp.joinable());
-    EXPECT_TRUE(registryIsFree());
-    expectSource(log);
-}
-
-TEST_F(UnloadingTest, LogsAPocoExceptionWithItsDisplayText) {
-    class Refusing : public DiaryPlugin {
-    public:
-        using DiaryPlugin::DiaryPlugin;
-        void stop() override { throw Poco::TimeoutException("busy"); }
-    };
-    file("a")->instance = std::make_shared<Refusing>(diary, "a");
-    PluginUnLoadAll();
-    EXPECT_THAT(log.texts(kCritical), ElementsAre("Timeout: busy"));
-}
-
-TEST_F(UnloadingTest, EndsTheSamplingThreadAfterTheRegistryIsEmptyAndUnderItsLock) {
-    activate("a");
-    std::size_t records = 1;
-    bool free = true;
-    _loop_thread_get_cpu_temp_run = true;
-    _loop_thread_get_cpu_temp = std::thread([&] {
-        while (_loop_thread_get_cpu_temp_run)
-            std::this_thread::yield();
-        free = registryIsFree();
-        records = s_plugins_map.size();
-    });
-    PluginUnLoadAll();
-    EXPECT_FALSE(_loop_thread_get_cpu_temp.joinable());
-    EXPECT_FALSE(_loop_thread_get_cpu_temp_run);
-    EXPECT_EQ(records, 0U);
-    EXPECT_FALSE(free);
-    PluginUnLoadAll();
-    EXPECT_TRUE(registryIsFree());
-}
-
-TEST_F(UnloadingTest, LeavesPoolsAndQueuesAsTheyAre) {
-    InitThreadPool();
-    std::string event = R"({"to":["a"]})";
-    fakes::setAvailable("eventCallBack", 0);
-    publishMsgToAllPlugin(event);
-    PluginUnLoadAll();
-    EXPECT_THAT(fakes::poolsDestroyed(), IsEmpty());
-    EXPECT_EQ(s_transform_message_queue->size(), 1U);
-}
-
-TEST_F(UnloadingTest, LetsPluginsBeLoadedAgain) {
-    load({fixture("Complete")});
-    PluginUnLoadAll();
-    load({fixture("Complete")});
-    EXPECT_EQ(s_plugins_map.size(), 1U);
-    EXPECT_EQ(log.count("load plugin count: 1"), 2);
+TEST_F(LoadingDeathTest, ANullGuidEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(load({fixture("NullGuid")}), "");
 }
 
 } // namespace

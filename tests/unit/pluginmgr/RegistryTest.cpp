@@ -1,20 +1,13 @@
-#include "PluginManagerUnderTest.h"
+#include "LogWitness.h"
 
-#include "support/TempDir.h"
-
-#include "ktr/common/MqttClient.h"
-#include "ktr/common/WebApiBasic.h"
-
-#include <fstream>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "support/RefusingMutex.h"
 
 namespace ktr {
 namespace {
 
 using namespace test;
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::IsEmpty;
 
 class RegistryTest : public PluginManagerTest {};
@@ -130,135 +123,135 @@ TEST_F(RegistryTest, UnregistersARunningPluginWithoutStoppingIt) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(RegistryTest, ReleasesARecordsInstanceBeforeItsFactory) {
-    struct Note {
+TEST_F(RegistryTest, DestroysAnUnregisteredRecordUnderTheLock) {
+    bool free = true;
+    file("a")->instance =
+        std::shared_ptr<PluginBase>(new DiaryPlugin(diary, "a"), [&](const PluginBase* plugin) {
+            free = registryIsFree();
+            delete plugin;
+        });
+    unregisterPlugin("a");
+    EXPECT_FALSE(free);
+    EXPECT_TRUE(registryIsFree());
+}
+
+TEST_F(RegistryTest, LeavesAnUnregisteredRecordToWhoElseHoldsIt) {
+    const auto plugin = file("a");
+    plugin->instance = std::make_shared<DiaryPlugin>(diary, "a");
+    unregisterPlugin("a");
+    EXPECT_THAT(diary.entries, IsEmpty());
+    EXPECT_TRUE(plugin->instance);
+    EXPECT_EQ(plugin.use_count(), 1);
+}
+
+TEST_F(RegistryTest, TakesTheLockOnlyAfterTheGuidIsWritten) {
+    file("a");
+    const LogCapture log;
+    const LogWitness witness;
+    registerPlugin(nullFactory(), "a");
+    registerPlugin(nullFactory(), "unknown");
+    EXPECT_THAT(witness.lines(),
+                ElementsAre(FieldsAre("plugin regist, guid: a", true, 0, 1),
+                            FieldsAre("plugin regist, guid: a", true, 0, 1),
+                            FieldsAre("plugin regist, guid: unknown", true, 0, 1),
+                            FieldsAre("plugin regist, guid: unknown", true, 0, 1),
+                            FieldsAre("plugin not found, guid: unknown", false, 0, 1)));
+}
+
+TEST_F(RegistryTest, ExchangesTheFactoryUnderTheLockAndThenDestroysTheFormer) {
+    const auto plugin = file("a");
+    const auto made = std::make_shared<DiaryPlugin>(diary, "made");
+    bool free = true;
+    bool exchanged = false;
+    const auto noteExchange = [&](void*) {
+        free = registryIsFree();
+        exchanged = plugin->factory() == made;
+    };
+    registerPlugin([held = std::shared_ptr<void>(
+                        nullptr, noteExchange)] { return std::shared_ptr<PluginBase>(); },
+                   "a");
+    registerPlugin([made] { return made; }, "a");
+    EXPECT_FALSE(free);
+    EXPECT_TRUE(exchanged);
+}
+
+TEST_F(RegistryTest, LetsOutThatTheLockFailsAndChangesNothing) {
+    const auto plugin = file("a");
+    const LogCapture log;
+    {
+        const RefusingMutex refusing(s_plugin_mutex);
+        EXPECT_THROW(registerPlugin(nullFactory(), "a"), std::system_error);
+        EXPECT_THROW(unregisterPlugin("a"), std::system_error);
+        EXPECT_NO_THROW(unregisterPlugin(""));
+    }
+    EXPECT_FALSE(plugin->factory);
+    EXPECT_EQ(s_plugins_map.count("a"), 1U);
+    EXPECT_THAT(lines(log), ElementsAre(std::tuple(kInformation, "plugin regist, guid: a"),
+                                        std::tuple(kInformation, "plugin regist, guid: a")));
+    EXPECT_TRUE(registryIsFree());
+}
+
+// ---- the record and the globals as the library starts
+
+// asked while the program is loaded, before any test
+const bool emptyAtLoad = s_plugins_map.empty();
+const std::int32_t countAtLoad = s_plugin_cnt;
+const bool freeAtLoad = registryIsFree();
+
+TEST(RegistryAtLoadTest, IsEmptyFreeAndCountsNothing) {
+    EXPECT_TRUE(emptyAtLoad);
+    EXPECT_EQ(countAtLoad, 0);
+    EXPECT_TRUE(freeAtLoad);
+}
+
+TEST(PluginRecordTest, IsMadeEmpty) {
+    // over memory that was used before
+    alignas(Plugin) std::array<unsigned char, sizeof(Plugin)> memory{};
+    memory.fill(0xA5);
+    auto* const plugin = new (memory.data()) Plugin();
+    EXPECT_TRUE(plugin->library.isNull());
+    EXPECT_FALSE(plugin->factory);
+    EXPECT_TRUE(plugin->loadFn == nullptr && plugin->unloadFn == nullptr);
+    EXPECT_TRUE(plugin->typeFn == nullptr && plugin->nameFn == nullptr);
+    EXPECT_TRUE(plugin->guidFn == nullptr);
+    EXPECT_EQ(plugin->type, 0);
+    EXPECT_EQ(plugin->name, "");
+    EXPECT_EQ(plugin->guid, "");
+    EXPECT_FALSE(plugin->instance);
+    plugin->~Plugin();
+}
+
+// Members end in the reverse of this order, which releases instance, guid, name, factory, library.
+TEST(PluginRecordTest, HoldsItsFieldsInOrder) {
+    const Plugin plugin;
+    const std::vector<const void*> fields{&plugin.library,  &plugin.factory, &plugin.loadFn,
+                                          &plugin.unloadFn, &plugin.typeFn,  &plugin.nameFn,
+                                          &plugin.guidFn,   &plugin.type,    &plugin.name,
+                                          &plugin.guid,     &plugin.instance};
+    EXPECT_TRUE(std::is_sorted(fields.begin(), fields.end()));
+}
+
+TEST(PluginRecordTest, ReleasesItsInstanceThenItsFactoryThenItsLibrary) {
+    struct NotedLibrary : Poco::SharedLibrary {
+        explicit NotedLibrary(std::vector<std::string>& order_) : order(order_) {}
+        ~NotedLibrary() override { order.emplace_back("library"); }
         std::vector<std::string>& order;
-        std::string name;
-        Note(std::vector<std::string>& order_, std::string name_)
-            : order(order_), name(std::move(name_)) {}
-        ~Note() { order.push_back(name); }
     };
     std::vector<std::string> order;
-    {
-        auto plugin = std::make_shared<Plugin>();
-        plugin->factory = [note = std::make_shared<Note>(order, "factory")] {
-            return std::shared_ptr<PluginBase>();
-        };
-        const std::shared_ptr<Note> note(new Note{order, "instance"});
-        auto instance = std::make_shared<DiaryPlugin>(diary, "a");
-        instance->handler = [note](const std::string&) {};
-        plugin->instance = instance;
-    }
-    EXPECT_THAT(order, ElementsAre("instance", "factory"));
-}
-
-// ---- the base class that plugins build on
-
-class BarePlugin : public PluginBase {
-public:
-    void stop() override {}
-    void onMessage(std::string /*text*/) override {}
-
-    using PluginBase::eventCallback;
-    using PluginBase::ip;
-    using PluginBase::mqttClient;
-    using PluginBase::port;
-    using PluginBase::webApi;
-};
-
-TEST(PluginBaseTest, KeepsACopyOfTheCallbackAndDestroysTheFormerOne) {
-    BarePlugin plugin;
-    const auto owner = std::make_shared<std::string>();
-    const std::function<void(std::string)> callback = [owner](const std::string& text) {
-        *owner = text;
+    const auto noted = [&](const std::string& what) {
+        return std::shared_ptr<void>(nullptr, [&order, what](void*) { order.push_back(what); });
     };
-    plugin.setEventCallback(callback);
-    EXPECT_TRUE(callback);
-    plugin.eventCallback("event");
-    EXPECT_EQ(*owner, "event");
-    EXPECT_EQ(owner.use_count(), 3);
-    plugin.setEventCallback(nullptr);
-    EXPECT_FALSE(plugin.eventCallback);
-    EXPECT_EQ(owner.use_count(), 2);
-}
-
-TEST(PluginBaseTest, KeepsWhatStartBringsAndReleasesWhatWasThere) {
-    BarePlugin plugin;
-    EXPECT_EQ(plugin.port, 0);
-    const auto formerApi = std::make_shared<WebApiBasic>();
-    const auto formerClient = std::make_shared<MqttClient>();
-    plugin.start(formerApi, formerClient, "10.0.0.1", 65535);
-    EXPECT_EQ(plugin.ip, "10.0.0.1");
-    EXPECT_EQ(plugin.port, 65535);
-    EXPECT_EQ(plugin.webApi, formerApi);
-    EXPECT_EQ(plugin.mqttClient, formerClient);
-    plugin.start(nullptr, nullptr, "", 1);
-    EXPECT_EQ(formerApi.use_count(), 1);
-    EXPECT_EQ(formerClient.use_count(), 1);
-    EXPECT_EQ(plugin.ip, "");
-    EXPECT_EQ(plugin.port, 1);
-}
-
-// ---- CPU temperature
-
-class CpuTemperatureTest : public PluginManagerTest {
-protected:
-    int read(const std::string& content) const {
-        const std::string path = (folder / "temp").string();
-        std::ofstream(path) << content;
-        return sReadCpuTemperature(path);
+    Diary diary;
+    {
+        Plugin plugin;
+        plugin.factory = [held = noted("factory")] { return std::shared_ptr<PluginBase>(); };
+        plugin.library = new NotedLibrary(order);
+        const auto instance = std::make_shared<DiaryPlugin>(diary, "a");
+        instance->handler = [held = noted("instance")](const std::string&) {};
+        plugin.instance = instance;
     }
-
-    const TempDir folder;
-    const LogCapture log;
-};
-
-TEST_F(CpuTemperatureTest, IsWholeDegreesTruncatedTowardZero) {
-    EXPECT_EQ(read("52000\n"), 52);
-    EXPECT_EQ(read("45678"), 45);
-    EXPECT_EQ(read("999"), 0);
-    EXPECT_EQ(read("-1500\n"), -1);
-    EXPECT_EQ(read("-999\n"), 0);
-    EXPECT_EQ(read("1000 and more\n2000\n"), 1);
-    EXPECT_THAT(log.messages(), IsEmpty());
-}
-
-TEST_F(CpuTemperatureTest, IsZeroWithoutAReadableNumber) {
-    EXPECT_EQ(read("warm\n"), 0);
-    EXPECT_EQ(read(""), 0);
-    EXPECT_EQ(read("\n48000\n"), 0);
-    EXPECT_EQ(sReadCpuTemperature((folder / "missing").string()), 0);
-    EXPECT_THAT(log.messages(), IsEmpty());
-}
-
-TEST_F(CpuTemperatureTest, ReadsNoMoreThanTheFirst255Characters) {
-    EXPECT_EQ(read(std::string(252, ' ') + "41000\n"), 0);
-    EXPECT_EQ(read(std::string(250, ' ') + "41000\n"), 41);
-}
-
-TEST_F(CpuTemperatureTest, LogsAFileThatCannotBeOpened) {
-    // Not even root opens a socket as a file.
-    const std::string path = (folder / "temp").string();
-    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(sReadCpuTemperature(path), 0);
-    EXPECT_THAT(lines(log), ElementsAre(std::tuple(
-                                kInformation, "getCpuTemperature failed, msg: Cannot open file")));
-    expectSource(log);
-    close(descriptor);
-}
-
-TEST_F(CpuTemperatureTest, OfThisMachineIsThatOfItsThermalFile) {
-    const std::string path = "/sys/class/thermal/thermal_zone0/temp";
-    if (std::filesystem::exists(path)) {
-        EXPECT_NEAR(getCpuTemperature(), sReadCpuTemperature(path), 5);
-    } else {
-        EXPECT_EQ(getCpuTemperature(), 0);
-        EXPECT_THAT(log.messages(), IsEmpty());
-    }
+    EXPECT_THAT(order, ElementsAre("instance", "factory", "library"));
+    EXPECT_THAT(diary.entries, ElementsAre("a:destroyed"));
 }
 
 } // namespace
