@@ -7,6 +7,21 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+namespace {
+
+/// The paths that were asked for through Poco::File, oldest first.
+std::vector<std::string>& askedFor() {
+    static std::vector<std::string> paths;
+    return paths;
+}
+
+} // namespace
+
+// the program's own definition comes before that of Poco's shared library, and does the same
+Poco::File::File(const std::string& path) : FileImpl(path) {
+    askedFor().push_back(path);
+}
+
 namespace ktr {
 namespace {
 
@@ -66,6 +81,12 @@ TEST_F(CpuTemperatureTest, LogsAFileThatCannotBeOpened) {
                                 kInformation, "getCpuTemperature failed, msg: Cannot open file")));
     expectSource(log);
     close(descriptor);
+}
+
+TEST_F(CpuTemperatureTest, IsThatOfTheFirstThermalZone) {
+    askedFor().clear();
+    getCpuTemperature();
+    EXPECT_THAT(askedFor(), ElementsAre("/sys/class/thermal/thermal_zone0/temp"));
 }
 
 TEST_F(CpuTemperatureTest, ClosesTheFile) {

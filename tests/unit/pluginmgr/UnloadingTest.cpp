@@ -238,14 +238,15 @@ TEST_F(UnloadingTest, EndsTheSamplingThreadAfterTheRegistryIsEmptyAndUnderItsLoc
     activate("a");
     std::size_t records = 1;
     bool free = true;
+    bool told = false;
     _loop_thread_get_cpu_temp_run = true;
     _loop_thread_get_cpu_temp = std::thread([&] {
-        while (_loop_thread_get_cpu_temp_run)
-            std::this_thread::yield();
+        told = waitUntil([] { return !_loop_thread_get_cpu_temp_run; });
         free = registryIsFree();
         records = s_plugins_map.size();
     });
     PluginUnLoadAll();
+    EXPECT_TRUE(told);
     EXPECT_FALSE(_loop_thread_get_cpu_temp.joinable());
     EXPECT_FALSE(_loop_thread_get_cpu_temp_run);
     EXPECT_EQ(records, 0U);
