@@ -76,11 +76,14 @@ TEST_F(CpuTemperatureTest, LogsAFileThatCannotBeOpened) {
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     ASSERT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(descriptor);
     EXPECT_EQ(sReadCpuTemperature(path), 0);
     EXPECT_THAT(lines(log), ElementsAre(std::tuple(
                                 kInformation, "getCpuTemperature failed, msg: Cannot open file")));
     expectSource(log);
-    close(descriptor);
+    cachedLogger().setLevel("none");
+    EXPECT_EQ(sReadCpuTemperature(path), 0);
+    EXPECT_EQ(log.messages().size(), 1U);
 }
 
 TEST_F(CpuTemperatureTest, IsThatOfTheFirstThermalZone) {

@@ -268,6 +268,18 @@ TEST_F(LoadingTest, LetsOutWhatTheListingThrowsThatIsNoStandardException) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
+TEST_F(LoadingTest, LoadsTheSameWhereTheLevelHidesItsLines) {
+    cachedLogger().setLevel("none");
+    fakes::failListing(std::make_exception_ptr(Poco::FileAccessDeniedException("plugins")));
+    load({fixture("missing"), fixture("Bare"), fixture("TypeThrows"), fixture("Complete")});
+    fakes::failListing(std::make_exception_ptr(std::runtime_error("disk gone")));
+    load({});
+    EXPECT_EQ(s_plugins_map.size(), 2U);
+    EXPECT_TRUE(s_plugins_map.at("complete")->factory);
+    EXPECT_EQ(s_plugin_cnt, 1);
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
 TEST_F(LoadingTest, FilesNothingWhenTheLockFails) {
     {
         const RefusingMutex refusing(s_plugin_mutex);

@@ -91,10 +91,16 @@ TEST_F(RegistryTest, AcceptsAnEmptyFactory) {
     EXPECT_FALSE(plugin->factory);
 }
 
-TEST_F(RegistryTest, BuildsNoTextThatTheLevelHides) {
+TEST_F(RegistryTest, RefusesAndAcceptsTheSameWhereTheLevelHidesItsLines) {
+    const auto plugin = file("a");
     const LogCapture log;
     cachedLogger().setLevel(Poco::Message::PRIO_NOTICE);
+    registerPlugin(nullFactory(), nullptr);
+    registerPlugin(nullFactory(), "");
     registerPlugin(nullFactory(), "unknown");
+    registerPlugin(nullFactory(), "a");
+    EXPECT_EQ(s_plugins_map.size(), 1U);
+    EXPECT_TRUE(plugin->factory);
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
@@ -160,7 +166,7 @@ TEST_F(RegistryTest, TakesTheLockOnlyAfterTheGuidIsWritten) {
 
 TEST_F(RegistryTest, ExchangesTheFactoryUnderTheLockAndThenDestroysTheFormer) {
     const auto plugin = file("a");
-    const auto made = std::make_shared<DiaryPlugin>(diary, "made");
+    auto made = std::make_shared<DiaryPlugin>(diary, "made");
     bool free = true;
     bool exchanged = false;
     const auto noteExchange = [&](void*) {

@@ -37,6 +37,15 @@ protected:
             _loop_thread_get_cpu_temp.join();
     }
 
+    /// The guids in the order in which the registry goes through them.
+    static std::vector<std::string> registryOrder() {
+        std::vector<std::string> guids;
+        guids.reserve(s_plugins_map.size());
+        for (const auto& entry : s_plugins_map)
+            guids.push_back(entry.first);
+        return guids;
+    }
+
     std::shared_ptr<DiaryPlugin> activate(const std::string& guid) {
         auto instance = std::make_shared<DiaryPlugin>(diary, guid);
         file(guid)->instance = instance;
@@ -102,17 +111,13 @@ TEST_F(UnloadingTest, WritesItsLinesAroundTheStopAndTheDropAndUnderTheLock) {
 }
 
 TEST_F(UnloadingTest, VisitsTheRecordsInTheRegistrysOrder) {
-    std::vector<std::string> expected;
-    for (const char* const guid : {"e", "b", "d", "a", "c"})
-        activate(guid);
-    for (const auto& entry : s_plugins_map)
-        expected.push_back(entry.first + ":stop");
-    std::vector<std::string> stops;
+    std::vector<std::string> stopped;
+    for (const std::string guid : {"e", "b", "d", "a", "c"})
+        file(guid)->instance =
+            std::make_shared<ActingPlugin>([&stopped, guid] { stopped.push_back(guid); });
+    const std::vector<std::string> order = registryOrder();
     PluginUnLoadAll();
-    for (const std::string& entry : diary.entries)
-        if (entry.find(":stop") != std::string::npos)
-            stops.push_back(entry);
-    EXPECT_EQ(stops, expected);
+    EXPECT_EQ(stopped, order);
 }
 
 TEST_F(UnloadingTest, NeverCallsPluginUnLoad) {
@@ -184,9 +189,7 @@ TEST_F(UnloadingTest, LetsOutWhatIsNoStandardException) {
 TEST_F(UnloadingTest, KeepsDroppedWhatItStoppedBeforeAStopThrows) {
     for (const char* const guid : {"a", "b", "c"})
         activate(guid);
-    std::vector<std::string> order;
-    for (const auto& entry : s_plugins_map)
-        order.push_back(entry.first);
+    const std::vector<std::string> order = registryOrder();
     s_plugins_map.at(order[1])->instance =
         std::make_shared<ActingPlugin>([] { throw std::runtime_error("stop failed"); });
     diary.entries.clear();
@@ -209,7 +212,7 @@ TEST_F(UnloadingTest, LeavesTheRestAsItIsWhenAStopThrows) {
     s_plugin_cnt = 2;
     const auto first = activate("a");
     const auto second = activate("b");
-    const std::string before = s_plugins_map.begin()->first;
+    const std::string before = registryOrder().front();
     (before == "a" ? first : second)->throwOnStop = true;
     _loop_thread_get_cpu_temp_run = true;
     _loop_thread_get_cpu_temp =
@@ -232,6 +235,21 @@ TEST_F(UnloadingTest, LogsAPocoExceptionWithItsDisplayText) {
         std::make_shared<ActingPlugin>([] { throw Poco::TimeoutException("busy"); });
     PluginUnLoadAll();
     EXPECT_THAT(log.texts(kCritical), ElementsAre("Timeout: busy"));
+}
+
+TEST_F(UnloadingTest, StopsTheSameWhereTheLevelHidesItsLines) {
+    cachedLogger().setLevel("none");
+    activate("a");
+    PluginUnLoadAll();
+    EXPECT_THAT(diary.entries, ElementsAre("a:stop", "a:destroyed"));
+    EXPECT_THAT(s_plugins_map, IsEmpty());
+    activate("b")->throwOnStop = true;
+    PluginUnLoadAll();
+    s_plugins_map.at("b")->instance =
+        std::make_shared<ActingPlugin>([] { throw Poco::TimeoutException("busy"); });
+    PluginUnLoadAll();
+    EXPECT_TRUE(s_plugins_map.at("b")->instance);
+    EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST_F(UnloadingTest, EndsTheSamplingThreadAfterTheRegistryIsEmptyAndUnderItsLock) {
