@@ -254,6 +254,7 @@ TEST_F(LoadingTest, LetsOutWhatIsNoStandardExceptionAndLoadsNothingMore) {
     failIn("PluginLoad", 42);
     EXPECT_THROW(load({fixture("Complete"), fixture("Minimal")}), int);
     EXPECT_THAT(called(), ElementsAre("PluginType", "PluginName", "PluginGuid", "PluginLoad"));
+    EXPECT_TRUE(FixtureCalls::instance().made.back().registryWasFree);
     EXPECT_EQ(s_plugins_map.count("complete"), 1U);
     EXPECT_EQ(s_plugin_cnt, 0);
     EXPECT_EQ(log.count("load plugin count"), 0);
