@@ -76,6 +76,8 @@ void failRegistration(std::exception_ptr failure);
 int serverStartedReports();
 /// reportServerStarted throws this until reset() or null.
 void failWebHook(std::exception_ptr failure);
+/// Called inside reportServerStarted, after it was counted.
+void onServerStarted(std::function<void()> hook);
 
 // ---- FileSystem
 
@@ -106,5 +108,7 @@ std::vector<unsigned int> cleanedIds();
 void onCleanByName(std::function<void(const std::string&)> hook);
 /// cleanProcessById throws this, instead of ending anything, until reset() or null.
 void failCleanById(std::exception_ptr failure);
+/// Called by cleanProcessById with its pid, before that is ended.
+void onCleanById(std::function<void(unsigned int)> hook);
 
 } // namespace ktr::test::fakes

@@ -27,11 +27,15 @@ void endChild(pid_t pid) {
 } // namespace
 
 void cleanProcessById(const unsigned int& pid) {
+    std::function<void(unsigned int)> hook;
     {
         const Locked state;
         state->cleanedIds.push_back(pid);
         test::fakes::throwIfSet(state->cleanByIdFailure);
+        hook = state->cleanByIdHook;
     }
+    if (hook)
+        hook(pid);
     endChild(static_cast<pid_t>(pid));
 }
 
@@ -64,6 +68,10 @@ void onCleanByName(std::function<void(const std::string&)> hook) {
 
 void failCleanById(std::exception_ptr failure) {
     Locked()->cleanByIdFailure = std::move(failure);
+}
+
+void onCleanById(std::function<void(unsigned int)> hook) {
+    Locked()->cleanByIdHook = std::move(hook);
 }
 
 } // namespace ktr::test::fakes

@@ -20,9 +20,15 @@ std::shared_ptr<WebHookBasic> WebHookBasic::defaultWebHook() {
 }
 
 void WebHookBasic::reportServerStarted() {
-    const Locked state;
-    test::fakes::throwIfSet(state->webHookFailure);
-    ++state->serverStartedReports;
+    std::function<void()> hook;
+    {
+        const Locked state;
+        test::fakes::throwIfSet(state->webHookFailure);
+        ++state->serverStartedReports;
+        hook = state->serverStartedHook;
+    }
+    if (hook)
+        hook();
 }
 
 } // namespace ktr
@@ -35,6 +41,10 @@ int serverStartedReports() {
 
 void failWebHook(std::exception_ptr failure) {
     Locked()->webHookFailure = std::move(failure);
+}
+
+void onServerStarted(std::function<void()> hook) {
+    Locked()->serverStartedHook = std::move(hook);
 }
 
 } // namespace ktr::test::fakes

@@ -23,6 +23,7 @@ struct State {
 
     int serverStartedReports = 0;
     std::exception_ptr webHookFailure;
+    std::function<void()> serverStartedHook;
 
     std::string currentPath = "/nowhere";
     std::exception_ptr currentPathFailure;
@@ -34,6 +35,7 @@ struct State {
     std::vector<unsigned int> cleanedIds;
     std::function<void(const std::string&)> cleanByNameHook;
     std::exception_ptr cleanByIdFailure;
+    std::function<void(unsigned int)> cleanByIdHook;
 };
 
 /// The state, locked for as long as the object lives. Never destroyed: statics of the code under
