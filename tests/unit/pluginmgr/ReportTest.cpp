@@ -1,7 +1,9 @@
 #include "ktr/MSManager.h"
 #include "ktr/common/NotificationCenter.h"
 
+#include "support/Locks.h"
 #include "support/LogCapture.h"
+#include "support/LogHook.h"
 #include "support/fakes/FakeCommon.h"
 #include "support/fakes/FakeHttp.h"
 
@@ -10,7 +12,51 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <locale>
+#include <new>
 #include <stdexcept>
+#include <type_traits>
+
+namespace {
+
+/// Sizes of what was allocated on this thread while it is set.
+thread_local std::vector<std::size_t>* allocations = nullptr;
+
+void* allocate(std::size_t size) {
+    if (auto* const wanted = allocations) {
+        allocations = nullptr;
+        wanted->push_back(size);
+        allocations = wanted;
+    }
+    if (void* const memory = std::malloc(size))
+        return memory;
+    throw std::bad_alloc();
+}
+
+/// How often the typed centre was asked for.
+int centreCalls = 0;
+
+} // namespace
+
+void* operator new(std::size_t size) {
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+
+// The linker leads calls of NotificationCenter::defaultCenter() here.
+ktr::NotificationCenter& wrappedCentre() asm("__wrap__ZN3ktr18NotificationCenter13defaultCenterEv");
+ktr::NotificationCenter& realCentre() asm("__real__ZN3ktr18NotificationCenter13defaultCenterEv");
+
+ktr::NotificationCenter& wrappedCentre() {
+    ++centreCalls;
+    return realCentre();
+}
 
 namespace ktr {
 namespace {
@@ -103,6 +149,12 @@ TEST(MSNotificationTest, HasItsDefaultsAndKeepsWhatItIsGiven) {
     EXPECT_EQ(notification->getMsType(), -3);
 }
 
+TEST(MSNotificationTest, TellsItsNameAsANotification) {
+    static_assert(std::is_base_of_v<Poco::Notification, MSNotification>);
+    const Poco::AutoPtr<Poco::Notification> notification(new MSNotification);
+    EXPECT_EQ(notification->name(), "MSNotification");
+}
+
 TEST_F(ReportTest, IsStoredAnsweredAndPostedFromTheDefaultPool) {
     EXPECT_EQ(report(complete()), kSuccess);
     EXPECT_THAT(seen, IsEmpty()); // the answer does not wait for the job
@@ -131,12 +183,14 @@ TEST_F(ReportTest, IsStoredBeforeTheJobIsHandedOverAndAnsweredAfterwards) {
     std::vector<std::string> order;
     fakes::onStart([&] {
         order.emplace_back("start");
-        EXPECT_TRUE(manager.propertyMutex.try_lock());
-        manager.propertyMutex.unlock();
+        EXPECT_TRUE(isFree(manager.propertyMutex));
         EXPECT_EQ(manager.properties.count("g"), 1U);
     });
     fakes::FakeResponse response;
-    response.onSend = [&] { order.emplace_back("send"); };
+    response.onSend = [&] {
+        order.emplace_back("send");
+        EXPECT_TRUE(isFree(manager.propertyMutex));
+    };
     fakes::FakeRequest request(kUri, response);
     manager.reportProcess(request, response, complete());
     EXPECT_THAT(order, ElementsAre("start", "send"));
@@ -188,7 +242,8 @@ TEST_F(ReportTest, RefusesThePortBeforeTheType) {
 
 TEST_F(ReportTest, ReadsNumbersAsAnInputStreamDoes) {
     const std::vector<std::pair<std::string, unsigned short>> ports = {
-        {"8080abc", 8080}, {"  8081", 8081}, {"0", 0}, {"65535", 65535}, {"080", 80}, {"8.5", 8}};
+        {"8080abc", 8080}, {"  8081", 8081}, {"0", 0},        {"65535", 65535},
+        {"080", 80},       {"8.5", 8},       {"+9000", 9000}, {"0x1F90", 0}};
     for (const auto& [text, port] : ports) {
         EXPECT_EQ(report(with("port", text)), kSuccess) << text;
         EXPECT_EQ(manager.getMSProperty("g")->port, port) << text;
@@ -196,9 +251,68 @@ TEST_F(ReportTest, ReadsNumbersAsAnInputStreamDoes) {
     for (const char* type : {"-3", "2147483647", "-2147483648", " 5 "})
         EXPECT_EQ(report(with("type", type)), kSuccess) << type;
     fakes::runTasks();
-    ASSERT_THAT(seen, SizeIs(10));
-    EXPECT_EQ(seen[6]->getMsType(), -3);
-    EXPECT_EQ(seen[8]->getMsType(), -2147483647 - 1);
+    ASSERT_THAT(seen, SizeIs(12));
+    EXPECT_EQ(seen[8]->getMsType(), -3);
+    EXPECT_EQ(seen[10]->getMsType(), -2147483647 - 1);
+}
+
+TEST_F(ReportTest, TakesANegativePortModuloSixteenBits) {
+    EXPECT_EQ(report(with("port", "-1")), kSuccess);
+    EXPECT_EQ(manager.getMSProperty("g")->port, 65535);
+    EXPECT_EQ(report(with("port", "-65535")), kSuccess);
+    EXPECT_EQ(manager.getMSProperty("g")->port, 1);
+    EXPECT_EQ(report(with("port", "-65536")), refusal("port number invalid"));
+    EXPECT_EQ(manager.getMSProperty("g")->port, 1);
+}
+
+TEST_F(ReportTest, ReadsNumbersTheSameInEveryLocale) {
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale former = std::locale::global(std::locale(std::locale(), new Grouping));
+    EXPECT_EQ(report(with("port", "8,080")), kSuccess);
+    std::locale::global(former);
+    EXPECT_EQ(manager.getMSProperty("g")->port, 8);
+}
+
+TEST_F(ReportTest, LeavesAKnownRecordAsItIsWhenANumberIsInvalid) {
+    report(complete());
+    Parameters params = with("port", "bad");
+    params["ip"] = "10.0.0.9";
+    report(params);
+    params["port"] = "9999";
+    params["type"] = "bad";
+    report(params);
+    EXPECT_EQ(manager.getMSProperty("g")->ip, "10.0.0.1");
+    EXPECT_EQ(manager.getMSProperty("g")->port, 8080);
+    EXPECT_EQ(fakes::taskCount(), 1U);
+    EXPECT_THAT(log.texts(Poco::Message::PRIO_ERROR),
+                ElementsAre("port number invalid: bad", "type number invalid: bad"));
+    EXPECT_THAT(log.messages(), SizeIs(5)); // those two, and one for each report
+}
+
+TEST_F(ReportTest, LogsTheReportBeforeItLooksAtAnything) {
+    const LogHook hook([](const Poco::Message&) { throw std::runtime_error("log full"); });
+    fakes::FakeResponse response;
+    fakes::FakeRequest request(kUri, response);
+    EXPECT_THROW(manager.reportProcess(request, response, {}), std::runtime_error);
+    EXPECT_EQ(response.sends, 0);
+}
+
+TEST_F(ReportTest, AnswersAlsoWhereTheLevelHidesItsLines) {
+    cachedLogger().setLevel(Poco::Message::PRIO_NOTICE);
+    EXPECT_EQ(report(complete()), kSuccess);
+    cachedLogger().setLevel(Poco::Message::PRIO_CRITICAL);
+    EXPECT_EQ(report(with("port", "bad")), refusal("port number invalid"));
+    EXPECT_EQ(report(with("type", "bad")), refusal("type number invalid"));
+    EXPECT_TRUE(manager.getMSProperty("never").isNull());
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(ReportTest, AcceptsWhateverTextIsTheAddress) {
+    EXPECT_EQ(report(with("ip", "no address, 999.1")), kSuccess);
+    EXPECT_EQ(manager.getMSProperty("g")->ip, "no address, 999.1");
 }
 
 TEST_F(ReportTest, UpdatesTheRecordOfAKnownGuidInPlace) {
@@ -211,8 +325,13 @@ TEST_F(ReportTest, UpdatesTheRecordOfAKnownGuidInPlace) {
     EXPECT_EQ(property->port, 9090);
     EXPECT_EQ(manager.getMSProperty("g").get(), property.get());
     EXPECT_THAT(manager.properties, SizeIs(1));
+    // each job has its own copies
     fakes::runTasks();
-    EXPECT_THAT(seen, SizeIs(2));
+    ASSERT_THAT(seen, SizeIs(2));
+    EXPECT_EQ(seen[0]->getRpcIp(), "10.0.0.1");
+    EXPECT_EQ(seen[0]->getRpcPort(), 8080);
+    EXPECT_EQ(seen[1]->getRpcIp(), "10.0.0.2");
+    EXPECT_EQ(seen[1]->getRpcPort(), 9090);
 }
 
 TEST_F(ReportTest, LeavesANullRecordAsItIs) {
@@ -250,6 +369,67 @@ TEST_F(ReportTest, LeavesWhatAnObserverThrowsToThePool) {
     EXPECT_EQ(log.messages().size(), 1U);
 }
 
+TEST_F(ReportTest, LetsOutWhatTheAnswerThrowsAfterTheJobWasHandedOver) {
+    fakes::FakeResponse response;
+    response.onSend = [] { throw Poco::IOException("connection gone"); };
+    fakes::FakeRequest request(kUri, response);
+    EXPECT_THROW(manager.reportProcess(request, response, complete()), Poco::IOException);
+    EXPECT_EQ(fakes::taskCount(), 1U);
+    EXPECT_THAT(log.texts(Poco::Message::PRIO_CRITICAL), IsEmpty());
+}
+
+TEST_F(ReportTest, LetsOutAFailureToLockWithoutAnAnswer) {
+    const BrokenMutex broken(manager.propertyMutex);
+    fakes::FakeResponse response;
+    fakes::FakeRequest request(kUri, response);
+    EXPECT_THROW(manager.reportProcess(request, response, complete()), std::system_error);
+    EXPECT_EQ(response.sends, 0);
+    EXPECT_THAT(manager.properties, IsEmpty());
+    EXPECT_EQ(fakes::taskCount(), 0U);
+}
+
+TEST_F(ReportTest, RefusesAReportWithoutTheLock) {
+    const BrokenMutex broken(manager.propertyMutex);
+    EXPECT_EQ(report({}), refusal("parameter ip must specified"));
+    EXPECT_EQ(report(with("port", "bad")), refusal("port number invalid"));
+    EXPECT_EQ(report(with("type", "bad")), refusal("type number invalid"));
+}
+
+TEST_F(ReportTest, AsksForTheTypedCentreBeforeItPosts) {
+    report(complete());
+    centreCalls = 0;
+    int callsAtPost = 0;
+    onNotification = [&] { callsAtPost = centreCalls; };
+    fakes::runTasks();
+    EXPECT_EQ(callsAtPost, 1);
+    EXPECT_EQ(centreCalls, 1);
+}
+
+TEST_F(ReportTest, AJobSetsTheAddressBeforeTheGuid) {
+    constexpr std::size_t kAddress = 10000;
+    constexpr std::size_t kGuid = 20000;
+    Parameters params = with("ip", std::string(kAddress, 'i'));
+    params["guid"] = std::string(kGuid, 'g');
+    report(params);
+    std::vector<std::size_t> sizes;
+    const auto job = fakes::takeTask();
+    allocations = &sizes;
+    job.run();
+    allocations = nullptr;
+    const auto place = [&](std::size_t length) {
+        return std::find(sizes.begin(), sizes.end(), length + 1) - sizes.begin();
+    };
+    ASSERT_LT(place(kGuid), static_cast<std::ptrdiff_t>(sizes.size()));
+    EXPECT_LT(place(kAddress), place(kGuid));
+}
+
+TEST_F(ReportTest, AJobKeepsNoReferenceToItsNotification) {
+    report(complete());
+    fakes::runTasks();
+    ASSERT_THAT(seen, SizeIs(1));
+    EXPECT_EQ(seen[0]->referenceCount(), 2); // this test's, and the one that a delivery keeps
+}
+
 TEST_F(ReportTest, FreesANotificationThatNobodyObserves) {
     NotificationCenter::defaultCenter().removeObserver("report test");
     report(complete());
@@ -264,13 +444,39 @@ TEST_F(ReportTest, AnUnknownGuidHasNoPropertyAndMakesNone) {
     expectSource();
 }
 
+TEST_F(ReportTest, LogsAnUnknownGuidUnderTheLock) {
+    bool locked = false;
+    const LogHook hook([&](const Poco::Message&) { locked = !isFree(manager.propertyMutex); });
+    manager.getMSProperty("never");
+    EXPECT_TRUE(locked);
+    EXPECT_TRUE(isFree(manager.propertyMutex));
+}
+
+TEST_F(ReportTest, LooksARecordUpUnderTheLock) {
+    report(complete());
+    const BrokenMutex broken(manager.propertyMutex);
+    EXPECT_THROW(manager.getMSProperty("g"), std::system_error);
+    EXPECT_THAT(log.texts(Poco::Message::PRIO_ERROR), IsEmpty());
+}
+
+TEST_F(ReportTest, SharesARecordWithWhoeverAsks) {
+    report(complete());
+    const auto first = manager.getMSProperty("g");
+    EXPECT_EQ(first.referenceCount(), 2);
+    const auto second = manager.getMSProperty("g");
+    EXPECT_EQ(first.referenceCount(), 3);
+    EXPECT_EQ(first.get(), second.get());
+}
+
 TEST_F(ReportTest, ARecordOutlivesItsManager) {
     Poco::SharedPtr<MSProperty> property;
     {
         MSManager other;
         other.updateProperty("g", "10.0.0.1", 1);
         property = other.getMSProperty("g");
+        EXPECT_EQ(property.referenceCount(), 2);
     }
+    EXPECT_EQ(property.referenceCount(), 1);
     EXPECT_EQ(property->ip, "10.0.0.1");
 }
 
