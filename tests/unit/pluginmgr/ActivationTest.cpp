@@ -221,7 +221,7 @@ TEST_F(ActivationTest, TellsTheWholeStoryInOrder) {
 }
 
 TEST_F(ActivationTest, DoesAllThatWhereTheLevelHidesItsLines) {
-    cachedLogger().setLevel(Poco::Message::PRIO_FATAL);
+    cachedLogger().setLevel("none");
     const auto plugin = offer("a");
     know("a", "10.0.0.1", 3000);
     s_plugin_cnt = 1;
@@ -238,6 +238,18 @@ TEST_F(ActivationTest, DoesAllThatWhereTheLevelHidesItsLines) {
     EXPECT_EQ(diary.entries.back(), "a2:start 10.0.0.1 3000");
     plugin->factory = []() -> std::shared_ptr<PluginBase> { throw std::runtime_error("factory"); };
     report("a");
+    plugin->factory = []() -> std::shared_ptr<PluginBase> { throw Poco::DataException("factory"); };
+    report("a");
+    EXPECT_FALSE(plugin->instance);
+    file("never registered");
+    report("never registered");
+    offer("never reported");
+    report("never reported");
+    for (const auto& failure : {std::make_exception_ptr(Poco::RuntimeException("centre")),
+                                std::make_exception_ptr(std::runtime_error("memory"))}) {
+        centreFailure() = failure;
+        PluginInstallApi(webApi, mqttClient);
+    }
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 

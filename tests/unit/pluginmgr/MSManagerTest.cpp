@@ -204,6 +204,28 @@ TEST_F(MSManagerTest, LetsOutWhatIsNoExceptionObject) {
     EXPECT_THAT(lines(), IsEmpty());
 }
 
+TEST_F(MSManagerTest, GoesOnWhereTheLevelHidesItsLines) {
+    cachedLogger().setLevel("none");
+    manager.start("", kPort);
+    EXPECT_THAT(fakes::routes(), SizeIs(1));
+    fakes::failListing(std::make_exception_ptr(std::runtime_error("disk gone")));
+    manager.start("", kPort);
+    fakes::failCurrentPath(std::make_exception_ptr(Poco::SystemException("deleted")));
+    manager.start("", kPort);
+    EXPECT_THAT(fakes::routes(), SizeIs(3));
+    const std::string path = services.addStaying("a");
+    system::failForks(true);
+    manager.launchOne(path, directory());
+    system::failForks(false);
+    fakes::onCleanByName([](const std::string&) { throw std::runtime_error("no /proc"); });
+    manager.launchOne(path, directory());
+    EXPECT_THAT(manager.processes, IsEmpty());
+    fakes::onCleanByName(nullptr);
+    launch(path);
+    Services::awaitStart(path);
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
 TEST_F(MSManagerTest, FilesAServiceWithoutTheProcessLock) {
     const BrokenMutex broken(manager.processMutex);
     const std::string path = services.add("a", "exit 0");

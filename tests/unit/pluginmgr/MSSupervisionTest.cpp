@@ -251,6 +251,22 @@ TEST_F(MSSupervisionTest, LetsOutWhatIsNoExceptionObjectAndUnlocks) {
     EXPECT_TRUE(isFree(manager.processMutex));
 }
 
+TEST_F(MSSupervisionTest, RestartsAlsoWhereTheLevelHidesItsLines) {
+    cachedLogger().setLevel("none");
+    const std::string path = services.addStaying("a");
+    ProcessProperty& process = launch(path);
+    const pid_t former = Services::awaitStart(path).pid;
+    kill(former, SIGKILL);
+    ASSERT_EQ(waitpid(former, nullptr, 0), former);
+    system::failForks(true);
+    manager.restartIfExited(process, failedRelaunches);
+    EXPECT_EQ(process.handle.id(), former);
+    system::failForks(false);
+    manager.restartIfExited(process, failedRelaunches);
+    EXPECT_EQ(Services::awaitStart(path, 2).pid, process.handle.id());
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
 TEST_F(MSSupervisionTest, LetsOutAFailureToLock) {
     const BrokenMutex broken(manager.processMutex);
     system::replaceSleep([](const std::timespec&) { return true; });
@@ -294,6 +310,21 @@ TEST_F(MSSupervisionTest, StopEndsServicesAlsoWhereTheLevelHidesItsLine) {
     EXPECT_THAT(lines(), IsEmpty());
     EXPECT_FALSE(runs(start.pid));
     EXPECT_THAT(fakes::cleanedIds(), SizeIs(1));
+}
+
+TEST_F(MSSupervisionTest, StopEndsWithAFailureAlsoWhereTheLevelHidesItsLine) {
+    cachedLogger().setLevel("none");
+    const std::string path = services.addStaying("a");
+    for (const auto& failure : {std::make_exception_ptr(Poco::NoPermissionException("kill")),
+                                std::make_exception_ptr(std::runtime_error("no kill"))}) {
+        launch(path);
+        fakes::failCleanById(failure);
+        manager.stopped = false;
+        manager.stop();
+        EXPECT_FALSE(manager.processes.empty());
+    }
+    EXPECT_THAT(log.messages(), IsEmpty());
+    Services::awaitStart(path, 2);
 }
 
 TEST_F(MSSupervisionTest, StopEndsWithTheFirstFailureAndNeverRetries) {

@@ -205,8 +205,13 @@ TEST_F(ReportTest, NamesTheFirstParameterThatIsMissing) {
     EXPECT_EQ(report({{"ip", "x"}, {"IP", "x"}}), refusal("parameter port must specified"));
     EXPECT_EQ(report({{"guid", "x"}, {"ip", "x"}, {"port", "bad"}}),
               refusal("parameter type must specified"));
-    EXPECT_EQ(log.messages().size(), 7U);
-    EXPECT_EQ(log.count("report recieved: "), 7);
+    Parameters params = without("guid");
+    params.erase("type");
+    EXPECT_EQ(report(params), refusal("parameter type must specified"));
+    params.erase("port");
+    EXPECT_EQ(report(params), refusal("parameter port must specified"));
+    EXPECT_EQ(log.messages().size(), 9U);
+    EXPECT_EQ(log.count("report recieved: "), 9);
     EXPECT_THAT(manager.properties, IsEmpty());
     EXPECT_EQ(fakes::taskCount(), 0U);
 }
