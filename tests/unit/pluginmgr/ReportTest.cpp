@@ -1,6 +1,7 @@
 #include "ktr/MSManager.h"
 #include "ktr/common/NotificationCenter.h"
 
+#include "AllocationLog.h"
 #include "support/Locks.h"
 #include "support/LogCapture.h"
 #include "support/LogHook.h"
@@ -12,42 +13,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <locale>
-#include <new>
 #include <stdexcept>
 #include <type_traits>
 
 namespace {
 
-/// Sizes of what was allocated on this thread while it is set.
-thread_local std::vector<std::size_t>* allocations = nullptr;
-
-void* allocate(std::size_t size) {
-    if (auto* const wanted = allocations) {
-        allocations = nullptr;
-        wanted->push_back(size);
-        allocations = wanted;
-    }
-    if (void* const memory = std::malloc(size))
-        return memory;
-    throw std::bad_alloc();
-}
-
 /// How often the typed centre was asked for.
 int centreCalls = 0;
 
 } // namespace
-
-void* operator new(std::size_t size) {
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 // The linker leads calls of NotificationCenter::defaultCenter() here.
 ktr::NotificationCenter& wrappedCentre() asm("__wrap__ZN3ktr18NotificationCenter13defaultCenterEv");
@@ -416,11 +392,13 @@ TEST_F(ReportTest, AJobSetsTheAddressBeforeTheGuid) {
     Parameters params = with("ip", std::string(kAddress, 'i'));
     params["guid"] = std::string(kGuid, 'g');
     report(params);
-    std::vector<std::size_t> sizes;
     const auto job = fakes::takeTask();
-    allocations = &sizes;
-    job.run();
-    allocations = nullptr;
+    std::vector<std::size_t> sizes;
+    {
+        AllocationLog allocations;
+        job.run();
+        sizes.swap(allocations.sizes);
+    }
     const auto place = [&](std::size_t length) {
         return std::find(sizes.begin(), sizes.end(), length + 1) - sizes.begin();
     };
