@@ -57,6 +57,15 @@ public:
             ->getValue<bool>("accepted");
     }
 
+    /// Keeps threads of the host's default pool busy; returns once no other thread of it is.
+    void occupy(int threads) const {
+        httpPost(hostPort, route("occupy"), {{"threads", std::to_string(threads)}});
+    }
+    void vacate() const { httpPost(hostPort, route("vacate")); }
+
+    /// Has the plugin unregister itself.
+    void leave() const { httpPost(hostPort, route("leave")); }
+
 private:
     std::string route(const std::string& name) const { return "/test/" + guid + "/" + name; }
 
