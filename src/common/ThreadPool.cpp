@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -166,7 +167,12 @@ private:
             return;
         if (trimmer.joinable())
             trimmer.join();
-        trimmer = std::thread([this] { trim(); });
+        try {
+            trimmer = std::thread([this] { trim(); });
+        } catch (const std::system_error&) {
+            // the pool serves all the same; whoever uses it next tries again
+            trimming = false;
+        }
     }
 
     void trim() {
