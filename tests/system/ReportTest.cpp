@@ -82,6 +82,109 @@ TEST_F(ReportTest, AnEarlyReportWaitsUntilThereIsSomebodyToActUponIt) {
     EXPECT_EQ(plugin.state()->getValue<int>("port"), 41002);
 }
 
+TEST_F(ReportTest, AServiceThatReportsAnotherPortHasItsPluginStartedAnewWithThat) {
+    root.addPlugin("mover");
+    const std::string service = root.addService("guid=mover\nport=41010\nthen-port=41011");
+    HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    const PuppetClient plugin(host.port(), "mover");
+    ASSERT_TRUE(plugin.waitStarted()) << host.err();
+    EXPECT_EQ(plugin.state()->getValue<int>("port"), 41010);
+
+    std::ofstream(root.notes() / (service + ".go")) << "go\n";
+    ASSERT_TRUE(host.waitLogged("started plugin, guid: mover", 2)) << host.err();
+    ASSERT_TRUE(plugin.waitStarted());
+    EXPECT_EQ(plugin.state()->getValue<int>("port"), 41011);
+    EXPECT_EQ(plugin.state()->getValue<int>("stops"), 1);
+    EXPECT_TRUE(waitUntil([&] {
+        return countOf(root.note(service, "answers"), "{\"code\":0,\"msg\":\"success\"}\n") == 2;
+    }));
+    for (const char* port : {"41010", "41011"})
+        EXPECT_EQ(countOf(host.err(), std::string(" Information report recieved: "
+                                                  "/index/api/all/report?ip=127.0.0.1&port=") +
+                                          port + "&type=7&guid=mover\n"),
+                  1);
+    EXPECT_EQ(root.startsOf(service).size(), 1U);
+}
+
+struct BadPort {
+    std::string text;
+    std::string answer;
+    std::string logged;
+};
+
+class BadPortTest : public ReportTest, public testing::WithParamInterface<BadPort> {};
+
+TEST_P(BadPortTest, StartsNothingAndHarmsNobodyElse) {
+    const BadPort& port = GetParam();
+    root.addPlugin("bad");
+    root.addPlugin("good");
+    const std::string bad = root.addService("guid=bad\nport=" + port.text);
+    const std::string good = root.addService("guid=good\nport=41021");
+    HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    EXPECT_TRUE(host.waitLogged(" Error " + port.logged + "\n")) << host.err();
+    EXPECT_TRUE(PuppetClient(host.port(), "good").waitStarted()) << host.err();
+    EXPECT_TRUE(waitUntil([&] { return root.note(bad, "answers") == port.answer + "\n"; }))
+        << root.note(bad, "answers");
+
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+    EXPECT_EQ(countOf(host.err(), " Error "), 1) << host.err();
+    EXPECT_EQ(countOf(host.err(), "starting plugin, guid: bad"), 0);
+    EXPECT_EQ(countOf(host.err(), "exited, code:"), 0);
+}
+
+const std::string kRefused = R"({"code":-1,"msg":"port number invalid"})";
+const std::string kAccepted = R"({"code":0,"msg":"success"})";
+
+INSTANTIATE_TEST_SUITE_P(Each, BadPortTest,
+                         testing::Values(BadPort{"70000", kRefused, "port number invalid: 70000"},
+                                         BadPort{"abc", kRefused, "port number invalid: abc"},
+                                         // a number, but none that a service may serve at
+                                         BadPort{"1024", kAccepted,
+                                                 "report recieved port invalid: 1024"}),
+                         [](const auto& tested) { return "Port" + tested.param.text; });
+
+// A service that outlived an earlier host goes on reporting, also while this host still loads. The
+// host ends it before it launches the service anew.
+TEST_F(ReportTest, AServiceThatReportsWhilePluginsLoadIsNotAnsweredBeforeTheyHave) {
+    root.addPlugin("early");
+    root.addPlugin("slow");
+    const std::string service = root.addService("guid=early\nport=41030\nrepeat=yes");
+    const std::vector<std::string> port{"--port=" + std::to_string(freePort())};
+    pid_t outlived = 0;
+    {
+        HostProcess killed(root, port);
+        ASSERT_TRUE(killed.waitReady()) << killed.err();
+        ASSERT_TRUE(killed.waitLogged("started plugin, guid: early")) << killed.err();
+        outlived = root.startsOf(service).front().pid;
+        killed.signal(SIGKILL);
+        killed.waitForExit();
+    }
+    ASSERT_TRUE(isAlive(outlived));
+    // the next start of the service reports once
+    std::ofstream(root.services() / (service + ".conf"), std::ios::app) << "repeat=no\n";
+    std::ofstream(root.plugins() / "slow.conf") << "load=hold\n";
+    HostProcess host(root, port);
+    ASSERT_TRUE(waitUntil([&] { return root.isHeld("slow", "load"); })) << host.err();
+    // it waits for its answer now, and so it says no more
+    const auto isConnected = [&] {
+        const auto before = root.note(service, "answers").size();
+        return !waitUntil([&] { return root.note(service, "answers").size() != before; },
+                          std::chrono::milliseconds(500));
+    };
+    EXPECT_TRUE(waitUntil(isConnected));
+    EXPECT_EQ(countOf(host.err(), "report recieved"), 0);
+    root.letGo("slow", "load");
+
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    EXPECT_FALSE(isAlive(outlived));
+    EXPECT_TRUE(host.waitLogged("started plugin, guid: early")) << host.err();
+    EXPECT_LT(host.err().find("load plugin count: 2"), host.err().find("report recieved"));
+    EXPECT_TRUE(waitUntil([&] { return root.startsOf(service).size() == 2; }));
+}
+
 TEST_F(ReportTest, APluginThatThrowsCostsItselfOnly) {
     root.addPlugin("bad-load", "load=throw\n");
     root.addPlugin("bad-start", "start=throw\n");
