@@ -113,6 +113,10 @@ struct BadPort {
     std::string logged;
 };
 
+void PrintTo(const BadPort& port, std::ostream* out) {
+    *out << port.text;
+}
+
 class BadPortTest : public ReportTest, public testing::WithParamInterface<BadPort> {};
 
 TEST_P(BadPortTest, StartsNothingAndHarmsNobodyElse) {

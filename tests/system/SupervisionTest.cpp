@@ -7,8 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
-
 namespace ktr::test {
 namespace {
 
@@ -23,23 +21,12 @@ unsigned long long signalSet(pid_t pid, const std::string& name) {
     return ~0ULL;
 }
 
-/// One line of a host's log that says `text` at `level`, and nothing else.
-struct Logged {
-    Logged(const std::string& line, const std::string& level, const std::string& text) {
-        std::smatch parts;
-        if (!std::regex_match(line, parts, std::regex(R"((\S+) (\w+) (.*))")))
-            return;
-        matches = parts[2] == level && parts[3] == text;
-        int timeZone = 0;
-        Poco::DateTime time;
-        if (matches &&
-            Poco::DateTimeParser::tryParse("%Y-%m-%dT%H:%M:%s%z", parts[1], time, timeZone))
-            seconds = static_cast<double>(time.timestamp().epochMicroseconds()) / 1e6;
-    }
-
-    bool matches = false;
-    double seconds = 0;
-};
+/// The time that a line of a log begins with, in seconds.
+double timeOf(const std::string& stamp) {
+    int timeZone = 0;
+    const Poco::DateTime time = Poco::DateTimeParser::parse("%Y-%m-%dT%H:%M:%s%z", stamp, timeZone);
+    return static_cast<double>(time.timestamp().epochMicroseconds()) / 1e6;
+}
 
 /// When `host` logged `text` at `level`, in seconds, oldest first; lines that only contain it do
 /// not count.
@@ -47,9 +34,11 @@ std::vector<double> timesOf(const HostProcess& host, const std::string& level,
                             const std::string& text) {
     std::vector<double> times;
     std::istringstream in(host.err());
-    for (std::string line; std::getline(in, line);)
-        if (const Logged logged(line, level, text); logged.matches)
-            times.push_back(logged.seconds);
+    for (std::string line; std::getline(in, line);) {
+        const auto space = line.find(' ');
+        if (space != std::string::npos && line.substr(space) == " " + level + " " + text)
+            times.push_back(timeOf(line.substr(0, space)));
+    }
     return times;
 }
 
