@@ -71,7 +71,8 @@ void check(const MqttClient::Settings& settings) {
 
 } // namespace
 
-struct MqttClient::Impl : MqttConnection::Observer {
+// hidden, or it would be offered to others with the class around it
+struct __attribute__((visibility("hidden"))) MqttClient::Impl : MqttConnection::Observer {
     enum class Link { Down, Connecting, Up };
 
     Impl() : broker(std::nullopt) {}

@@ -37,8 +37,9 @@ struct ThreadPool::Progress {
     }
 };
 
-/// One accepted task; deletes itself when it has run.
-class ThreadPool::Task : public Poco::Runnable {
+/// One accepted task; deletes itself when it has run. Hidden, or it would be offered to others with
+/// the class around it.
+class __attribute__((visibility("hidden"))) ThreadPool::Task : public Poco::Runnable {
 public:
     Task(std::function<void()> work_, std::string name_, std::shared_ptr<Progress> progress_)
         : work(std::move(work_)), name(std::move(name_)), progress(std::move(progress_)) {}
