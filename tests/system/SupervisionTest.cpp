@@ -316,7 +316,7 @@ TEST_F(SupervisionTest, AnExecutableFileThatCannotRunIsTriedAtEveryScan) {
 
 TEST_F(SupervisionTest, AServiceThatWritesALotHoldsNothingUp) {
     root.addPlugin("good");
-    constexpr int size = 2'000'000;
+    constexpr int size = 500'000;
     const std::string talker = root.addService("output=" + std::to_string(size));
     const std::string good = root.addService("guid=good\nport=41000");
     HostProcess host(root);
