@@ -11,6 +11,8 @@ endif()
 
 option(KETRA_COVERAGE "Build with gcov instrumentation" OFF)
 if(KETRA_COVERAGE)
-  add_compile_options(--coverage -O0)
+  # Threads count at the same time, hence the atomic counters. Without semantic interposition the
+  # same source has the same branches in a library as in a test program that compiles it in.
+  add_compile_options(--coverage -fprofile-update=atomic -fno-semantic-interposition -O0)
   add_link_options(--coverage)
 endif()
