@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -154,6 +155,16 @@ TEST_F(ListFiles, WarnsAboutAFileInPlaceOfTheFolder) {
     EXPECT_THAT(found, IsEmpty());
     EXPECT_THAT(log.texts(Poco::Message::PRIO_WARNING),
                 ElementsAre("cannot list '" + path + "': Not a directory; passed over"));
+}
+
+TEST_F(ListFiles, WarnsAboutAFolderThatCannotBeLookedAt) {
+    const LogCapture log;
+    std::list<std::string> found;
+    const std::string path = prefix + std::string(NAME_MAX + 1, 'x');
+    listFilesRecursively(Poco::Path(path), found, ListFileType::Regular, "");
+    EXPECT_THAT(found, IsEmpty());
+    EXPECT_THAT(log.texts(Poco::Message::PRIO_WARNING),
+                ElementsAre("cannot list '" + path + "': File name too long; passed over"));
 }
 
 /// Runs `body` in a process of its own that has no right to pass over permissions.

@@ -398,6 +398,90 @@ TEST(MqttClient, namesWhatIsWrongWithItsUrl) {
         EXPECT_EQ(textFor(url), "accepted");
 }
 
+TEST(MqttClient, refusesSettingsThatCannotBe) {
+    const auto textFor = [](const std::function<void(MqttClient::Settings&)>& spoil) {
+        auto settings = settingsFor("tcp://h");
+        spoil(settings);
+        try {
+            const MqttClient client(settings);
+        } catch (const Poco::InvalidArgumentException& e) {
+            return e.message();
+        }
+        return std::string("accepted");
+    };
+    using Settings = MqttClient::Settings;
+    const std::string keepAlive = "the MQTT keep-alive must be 0 to 65535 seconds";
+    const std::string delays = "the MQTT reconnection delays must be at least 1 s, the maximum not "
+                               "below the minimum";
+    EXPECT_EQ(textFor([](Settings& s) {
+                  s.will = {"a/#", "", 1, false};
+              }),
+              "cannot use the MQTT last will: bad topic \"a/#\" or QoS 1");
+    EXPECT_EQ(textFor([](Settings& s) {
+                  s.will = {"a", "", 3, false};
+              }),
+              "cannot use the MQTT last will: bad topic \"a\" or QoS 3");
+    EXPECT_EQ(textFor([](Settings& s) { s.keepAliveSeconds = -1; }), keepAlive);
+    EXPECT_EQ(textFor([](Settings& s) { s.keepAliveSeconds = 65536; }), keepAlive);
+    EXPECT_EQ(textFor([](Settings& s) { s.minReconnectSeconds = 0; }), delays);
+    EXPECT_EQ(textFor([](Settings& s) { s.maxReconnectSeconds = s.minReconnectSeconds - 1; }),
+              delays);
+    EXPECT_EQ(textFor([](Settings& s) {
+                  s.will = {"a", "", 2, true};
+                  s.keepAliveSeconds = 65535;
+                  s.minReconnectSeconds = s.maxReconnectSeconds = 1;
+              }),
+              "accepted");
+}
+
+TEST(MqttClient, doesNotLetAHandlerEndOrBeginItsConnection) {
+    const Broker broker;
+    const LogCapture log;
+    MqttClient client(settingsFor(broker.url()));
+    std::atomic<int> calls{0};
+    client.subscribe("a", 1, [&](const MqttClient::Message&) {
+        client.disconnect();
+        client.connect();
+        ++calls;
+    });
+    connectAndWait(client);
+    client.publish({"a", "", 1, false});
+    client.publish({"a", "", 1, false});
+    EXPECT_TRUE(waitUntil([&] { return calls == 2; }));
+    EXPECT_THAT(log.texts(Poco::Message::PRIO_ERROR),
+                ElementsAre("an MQTT handler must not disconnect its client",
+                            "an MQTT handler must not disconnect its client"));
+    EXPECT_EQ(log.count("MQTT connected"), 1);
+}
+
+TEST(MqttClient, letsAHandlerAskForAConnectionWhileItsClientDisconnects) {
+    const Broker broker;
+    MqttClient client(settingsFor(broker.url()));
+    std::atomic<bool> entered{false};
+    std::atomic<bool> left{false};
+    client.subscribe("a", 1, [&](const MqttClient::Message&) {
+        entered = true;
+        waitUntil([&] { return !client.isConnected(); });
+        client.connect();
+        left = true;
+    });
+    connectAndWait(client);
+    client.publish({"a", "", 1, false});
+    ASSERT_TRUE(waitUntil([&] { return entered.load(); }));
+    client.disconnect();
+    EXPECT_TRUE(left);
+    EXPECT_FALSE(client.isConnected());
+}
+
+TEST(MqttClient, saysThatAMessageIsRefusedForWantOfABrokerOnlyToWhomItHelps) {
+    const LogCapture log;
+    MqttClient client;
+    EXPECT_FALSE(client.publish({"a", "", 0, false}));
+    EXPECT_THAT(log.texts(Poco::Message::PRIO_DEBUG),
+                ElementsAre("an MQTT message was refused: no broker is configured"));
+    EXPECT_EQ(log.messages().size(), 1U);
+}
+
 TEST(MqttClient, callsTheHandlersOfMatchingFiltersOnly) {
     const Broker broker;
     MqttClient client(settingsFor(broker.url()));

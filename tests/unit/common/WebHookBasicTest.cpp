@@ -323,6 +323,11 @@ TEST(WebHookBasic, refusesBadSettingsAndKeepsTheOldOnes) {
     auto settings = settingsFor({"http://h/"});
     settings.timeout = Timespan(0, 0);
     EXPECT_THROW(hook.configure(settings), Poco::InvalidArgumentException);
+    settings = settingsFor({"http://h/"});
+    settings.firstDelay = Timespan(-1);
+    EXPECT_THROW(hook.configure(settings), Poco::InvalidArgumentException);
+    settings.firstDelay = settings.maxDelay + Timespan(1);
+    EXPECT_THROW(hook.configure(settings), Poco::InvalidArgumentException);
     settings = settingsFor({"https://h/"});
     settings.caFile = "/nonexistent/ca.pem";
     EXPECT_THROW(hook.configure(settings), Poco::InvalidArgumentException);
