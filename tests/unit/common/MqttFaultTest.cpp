@@ -130,7 +130,7 @@ MqttClient::Settings settingsFor(const std::string& url) {
     return settings;
 }
 
-class MqttRefusal : public testing::TestWithParam<std::pair<char, const char*>> {};
+class MqttRefusal : public testing::TestWithParam<std::pair<char, std::string>> {};
 
 TEST_P(MqttRefusal, isToldInWords) {
     const auto [code, reason] = GetParam();
@@ -147,12 +147,12 @@ TEST_P(MqttRefusal, isToldInWords) {
 
 INSTANTIATE_TEST_SUITE_P(
     each, MqttRefusal,
-    testing::Values(std::pair(1, "the broker does not speak MQTT 3.1.1"),
-                    std::pair(2, "the broker refuses the client id"),
-                    std::pair(3, "the broker says that it is unavailable"),
-                    std::pair(4, "the broker refuses the user or password"),
-                    std::pair(5, "the broker refuses the connection: not authorized, check user "
-                                 "and password")),
+    testing::ValuesIn(std::vector<std::pair<char, std::string>>{
+        {1, "the broker does not speak MQTT 3.1.1"},
+        {2, "the broker refuses the client id"},
+        {3, "the broker says that it is unavailable"},
+        {4, "the broker refuses the user or password"},
+        {5, "the broker refuses the connection: not authorized, check user and password"}}),
     [](const auto& tested) { return "code" + std::to_string(tested.param.first); });
 
 TEST(MqttRefusedSubscription, isToldWithItsFilter) {

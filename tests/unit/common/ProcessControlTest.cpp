@@ -4,6 +4,7 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -18,6 +19,7 @@
 #include <spawn.h>
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
@@ -363,6 +365,38 @@ TEST_F(CleanProcessById, SaysWhenItMayNotEndAProcess) {
     int status = -1;
     ASSERT_EQ(waitpid(other, &status, 0), other);
     EXPECT_EQ(status, 0);
+    EXPECT_TRUE(child.runs());
+}
+
+/// Leaves the process no descriptor that it does not have already.
+class NoDescriptorLeft {
+public:
+    NoDescriptorLeft() {
+        getrlimit(RLIMIT_NOFILE, &former);
+        const rlimit none{static_cast<rlim_t>(STDERR_FILENO) + 1, former.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptorLeft() { setrlimit(RLIMIT_NOFILE, &former); }
+    NoDescriptorLeft(const NoDescriptorLeft&) = delete;
+    NoDescriptorLeft& operator=(const NoDescriptorLeft&) = delete;
+
+private:
+    rlimit former{};
+};
+
+TEST_F(CleanProcessById, SaysWhatToDoWhenItMayOpenNoFile) {
+    const Puppet child(puppet(named("child")), {});
+    const LogCapture log;
+    {
+        const NoDescriptorLeft limit;
+        cleanProcessById(child.unsignedPid());
+    }
+    const auto errors = log.texts(Poco::Message::PRIO_ERROR);
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_THAT(errors[0],
+                testing::MatchesRegex("cannot open process " + std::to_string(child.pid()) +
+                                      " .*: Too many open files; raise the limit of "
+                                      "open files"));
     EXPECT_TRUE(child.runs());
 }
 

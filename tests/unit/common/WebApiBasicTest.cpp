@@ -191,6 +191,16 @@ TEST_F(WebApiBasicTest, KeepsLineBreaksOfAClientOutOfTheLog) {
                 testing::ElementsAre(AllOf(Not(HasSubstr("\n")), Not(HasSubstr("\x1b")))));
 }
 
+TEST_F(WebApiBasicTest, ShortensTheLongTextsOfAClient) {
+    serve();
+    const std::string route = "/" + std::string(300, 'x');
+    EXPECT_EQ(message(get(route)), ("no such route: " + route).substr(0, 200) + "...");
+    const auto warnings = log.texts(Poco::Message::PRIO_WARNING);
+    ASSERT_EQ(warnings.size(), 1U);
+    EXPECT_THAT(warnings[0], HasSubstr(("GET " + route).substr(0, 200) + "..."));
+    EXPECT_THAT(warnings[0], Not(HasSubstr(route)));
+}
+
 TEST_F(WebApiBasicTest, AnswersHandlerExceptionsOfAnyTypeWith500AndAnErrorLine) {
     api.apiRegist("/poco",
                   [](auto&, auto&, const auto&) { throw Poco::IOException("broken pump"); });
