@@ -296,6 +296,18 @@ TEST(MqttClient, connectsAgainAfterItWasDisconnected) {
     settle(client);
 }
 
+TEST(MqttClient, connectsOnceThoughAskedTwice) {
+    const Broker broker;
+    const LogCapture log;
+    MqttClient client(settingsFor(broker.url()));
+    client.connect();
+    connectAndWait(client);
+    settle(client);
+    EXPECT_EQ(log.count("MQTT connected"), 1);
+    client.disconnect();
+    EXPECT_FALSE(client.isConnected());
+}
+
 TEST(MqttClient, sendsWhatItKeepsBeforeItDisconnects) {
     const Broker broker;
     MqttClient client(settingsFor(broker.url()));
