@@ -15,6 +15,7 @@
 #include <new>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace ktr {
@@ -359,11 +360,14 @@ TEST_F(NotificationCenterTest, IsOneForTheProcess) {
 }
 
 TEST_F(NotificationCenterTest, HoldsItsMembersInOrder) {
-    EXPECT_TRUE(std::less<const void*>()(&center.mutex, &center.observers));
     const NotificationCenter::ObserverNode node;
-    EXPECT_TRUE(std::less<const void*>()(&node.pocoObserver, &node.observer));
     const Observer observer("name", nullptr);
-    EXPECT_TRUE(std::less<const void*>()(&observer.name, &observer.handler));
+    const std::vector<std::pair<const void*, const void*>> neighbours{
+        {&center.mutex, &center.observers},
+        {&node.pocoObserver, &node.observer},
+        {&observer.name, &observer.handler}};
+    for (const auto& [former, latter] : neighbours)
+        EXPECT_LT(former, latter);
 }
 
 TEST(Observer, WithoutAHandlerDoesNothing) {
