@@ -214,8 +214,10 @@ TEST_F(NotificationCenterTest, HoldsItsLockForTheWholeRegistrationAndForNoDelive
     center.removeObserver("wanted");
 
     center.addObserver<Wanted>("wanted", [&](Wanted*) { free = isFree(); });
-    post(new Wanted);
+    const Poco::AutoPtr<Wanted> posted(new Wanted);
+    Poco::NotificationCenter::defaultCenter().postNotification(posted);
     EXPECT_TRUE(free);
+    posted->release();
 }
 
 TEST_F(NotificationCenterTest, KeepsOnlyTheSecondOfTwoRegistrationsUnderOneName) {
