@@ -245,7 +245,10 @@ TEST_F(MSSupervisionTest, LogsAStandardExceptionWithItsText) {
 TEST_F(MSSupervisionTest, LetsOutWhatIsNoExceptionObjectAndUnlocks) {
     awaitExit(launch(services.add("a", "exit 3")).handle.id());
     const LogHook hook([](const Poco::Message&) { throw 1; });
-    system::replaceSleep([](const std::timespec&) { return true; });
+    system::replaceSleep([&, sleeps = 0](const std::timespec&) mutable {
+        manager.running = ++sleeps < 2;
+        return true;
+    });
     EXPECT_THROW(manager.processCheckThread(), int);
     EXPECT_THAT(log.texts(kCritical), IsEmpty());
     EXPECT_TRUE(isFree(manager.processMutex));
@@ -269,7 +272,10 @@ TEST_F(MSSupervisionTest, RestartsAlsoWhereTheLevelHidesItsLines) {
 
 TEST_F(MSSupervisionTest, LetsOutAFailureToLock) {
     const BrokenMutex broken(manager.processMutex);
-    system::replaceSleep([](const std::timespec&) { return true; });
+    system::replaceSleep([&, sleeps = 0](const std::timespec&) mutable {
+        manager.running = ++sleeps < 2;
+        return true;
+    });
     EXPECT_THROW(manager.processCheckThread(), std::system_error);
     EXPECT_THAT(lines(), IsEmpty());
 }
@@ -361,24 +367,21 @@ TEST_F(MSSupervisionTest, StopWaitsForARunningScanWithTheFlagsSet) {
     const std::string path = services.add("a", "exit 3");
     const std::string other = services.addStaying("b");
     fakes::setFiles({path, other});
-    std::thread stopper;
-    std::atomic<bool> ended{false};
+    std::atomic<bool> scanning{false};
+    std::atomic<bool> stopEnded{false};
     const LogHook hook([&](const Poco::Message& message) {
         if (message.getText().find("restart it") == std::string::npos)
             return;
-        stopper = std::thread([&] {
-            manager.stop();
-            ended = true;
-        });
-        // The scan has not ended, and so neither does the stop that has begun.
+        scanning = true;
+        // The scan does not end before the stop begins, and so the stop cannot end before the scan.
         EXPECT_TRUE(waitUntil([&] { return static_cast<const volatile bool&>(manager.stopped); }));
-        EXPECT_FALSE(ended);
+        EXPECT_FALSE(stopEnded);
         EXPECT_THAT(fakes::cleanedIds(), IsEmpty());
     });
     manager.start("", kPort);
-    EXPECT_TRUE(waitUntil([&] { return ended.load(); }));
-    if (stopper.joinable())
-        stopper.join();
+    EXPECT_TRUE(waitUntil([&] { return scanning.load(); }));
+    manager.stop();
+    stopEnded = true;
     EXPECT_THAT(manager.processes, IsEmpty());
     EXPECT_FALSE(manager.checkThread.joinable());
 }
