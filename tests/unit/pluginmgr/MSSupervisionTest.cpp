@@ -408,14 +408,16 @@ TEST_F(MSSupervisionTest, StopLogsThenEndsEachServiceUnderTheLockAndForgetsThemL
     EXPECT_TRUE(isFree(manager.processMutex));
 }
 
-TEST_F(MSSupervisionTest, StopLogsAFailureToLockAndStaysStopped) {
+TEST_F(MSSupervisionTest, StopLogsAFailureToLockAfterItJoinedAndStaysStopped) {
     const std::string path = services.addStaying("a");
     launch(path);
+    manager.checkThread = std::thread([] {});
     {
         const BrokenMutex broken(manager.processMutex);
         manager.stop();
     }
     EXPECT_THAT(lines(), ElementsAre(std::tuple(kCritical, std::string(BrokenMutex::kText))));
+    EXPECT_FALSE(manager.checkThread.joinable()); // joined before the lock is taken
     EXPECT_TRUE(manager.stopped);
     EXPECT_FALSE(manager.running);
     EXPECT_THAT(manager.processes, SizeIs(1));
