@@ -22,6 +22,17 @@ using namespace std::chrono_literals;
 
 const auto never = [] { return false; };
 
+/// The message of the exception that `call` throws.
+template <class Exception, class Call>
+std::string failureOf(Call call) {
+    try {
+        call();
+    } catch (const Exception& e) {
+        return e.message();
+    }
+    return "nothing failed";
+}
+
 TEST(HostLookup, takesALiteralAddressAsItIs) {
     // neither a name server nor any time is needed
     EXPECT_THAT(lookUpHost("192.0.2.7", 0ms, [] { return true; }),
@@ -55,14 +66,9 @@ TEST(HostLookup, passesOnThatTheSystemDoesNotKnowTheName) {
 TEST(HostLookup, givesUpWhenTheNameServerDoesNotAnswerInTime) {
     NameServer server;
     server.hang("slow.test");
-    const auto begin = std::chrono::steady_clock::now();
-    try {
-        lookUpHost("slow.test", 50ms, never);
-        FAIL() << "found an address";
-    } catch (const Poco::TimeoutException& e) {
-        EXPECT_EQ(e.message(), "no name server answers for slow.test");
-    }
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
+    EXPECT_EQ(failureOf<Poco::TimeoutException>([] { lookUpHost("slow.test", 50ms, never); }),
+              "no name server answers for slow.test");
+    EXPECT_TRUE(server.isAsked());
 }
 
 TEST(HostLookup, givesUpWhenItIsTold) {
