@@ -1,5 +1,6 @@
 #include "ktr/PluginManager.h"
 
+#include "LibraryFile.h"
 #include "Log.h"
 #include "MSPropertyCopy.h"
 #include "ktr/MSManager.h"
@@ -171,6 +172,7 @@ static void sLoadPlugin(const std::string& path) {
     try {
         // Deleted at the end of this function, which leaves the library mapped.
         Poco::SharedPtr<Poco::SharedLibrary> library(new Poco::SharedLibrary);
+        refuseTruncatedLibrary(path);
         library->load(path);
         const std::shared_ptr<Plugin> plugin(new Plugin());
         sResolveAll(*library, path, *plugin);

@@ -3,6 +3,8 @@
 #include <elf.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 namespace ktr::test {
 namespace {
@@ -110,6 +112,47 @@ TEST_F(PluginTreeTest, SaysOfEachFileThatIsNoUsableLibraryWhyAndLoadsTheOthers) 
     EXPECT_THAT(calls("complete"), IsEmpty());
     expectAtWork("zz-good");
     expectOrderlyEnd();
+}
+
+/// Where what is mapped of a library begins and ends in its file.
+struct Mapped {
+    std::size_t begin;
+    std::size_t end;
+};
+
+std::vector<Mapped> mappedParts(const std::string& library) {
+    Elf64_Ehdr header{};
+    std::memcpy(&header, library.data(), sizeof header);
+    std::vector<Mapped> parts;
+    for (std::size_t i = 0; i < header.e_phnum; ++i) {
+        Elf64_Phdr part{};
+        std::memcpy(&part, library.data() + header.e_phoff + i * sizeof part, sizeof part);
+        if (part.p_type == PT_LOAD)
+            parts.push_back({part.p_offset, part.p_offset + part.p_filesz});
+    }
+    return parts;
+}
+
+// The dynamic linker maps a library that was copied in part, and the host died of SIGBUS.
+TEST_F(PluginTreeTest, RefusesALibraryThatEndsBeforeWhatIsMappedOfIt) {
+    const std::string good = readFile(fixture("Complete"));
+    const auto parts = mappedParts(good);
+    ASSERT_GE(parts.size(), 2U);
+    std::vector<std::string> refused;
+    const auto cut = [&](std::size_t size) {
+        const std::string name = "libKetraPluginCut" + std::to_string(100000 + size) + ".so";
+        return write(name, good.substr(0, size)).string();
+    };
+    for (const Mapped& part : parts)
+        for (const std::size_t size : {part.begin, (part.begin + part.end) / 2, part.end - 1})
+            if (size > sizeof(Elf64_Ehdr) + parts.size() * sizeof(Elf64_Phdr))
+                refused.push_back("Cannot load library: " + cut(size) + ": file truncated");
+    const std::string whole = cut(parts.back().end);
+    startHost();
+    EXPECT_THAT(logged("Critical"), testing::UnorderedElementsAreArray(refused));
+    EXPECT_THAT(loaded(), ElementsAre(whole));
+    plugin("complete").report(41000);
+    EXPECT_THAT(waitCalls("complete", "start 127.0.0.1 41000"), Contains("start 127.0.0.1 41000"));
 }
 
 } // namespace
