@@ -36,10 +36,12 @@ protected:
 
     PuppetClient plugin(const std::string& guid) const { return {host->port(), guid}; }
 
-    /// Has a puppet started.
+    /// Has a puppet started, or started anew.
     void startPuppet(const std::string& guid) const {
+        const std::string line = " started plugin, guid: " + guid + "\n";
+        const int before = countOf(host->err(), line);
         plugin(guid).report(41000);
-        ASSERT_TRUE(plugin(guid).waitStarted()) << host->err();
+        ASSERT_TRUE(host->waitLogged(line, before + 1)) << host->err();
     }
 
     /// What a puppet received, once it is `count` events or more.

@@ -7,6 +7,7 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAreArray;
+using testing::IsEmpty;
 using testing::Not;
 
 constexpr int kDefaultPoolThreads = 512;
@@ -37,6 +38,9 @@ TEST_F(PluginStartTest, WhileThePoolIsFullAReportMakesTheObjectButDoesNotStartIt
     // the report's own job takes the last thread
     plugin("occupant").occupy(kDefaultPoolThreads - 1);
     report("complete");
+    waitCalls("complete", "setEventCallback");
+    EXPECT_THAT(logged("Critical"), IsEmpty());
+    EXPECT_THAT(logged("Error"), IsEmpty());
     report("complete");
     auto expected = callsOfLoading();
     for (const char* call :
@@ -44,8 +48,6 @@ TEST_F(PluginStartTest, WhileThePoolIsFullAReportMakesTheObjectButDoesNotStartIt
         expected.emplace_back(call);
     EXPECT_THAT(waitCalls("complete", "setEventCallback", 2), ElementsAreArray(expected));
     EXPECT_THAT(logged("Information"), Not(Contains("starting plugin, guid: complete")));
-    EXPECT_THAT(logged("Critical"), testing::IsEmpty());
-    EXPECT_THAT(logged("Error"), testing::IsEmpty());
 
     // it takes part in events all the same
     plugin("occupant").raise(R"({"to":["complete"]})");
@@ -95,7 +97,7 @@ TEST_F(PluginStartTest, WhenNoThreadCanBeMadeAReportStartsTheObjectItselfUncount
     // the registry is locked meanwhile
     plugin("occupant").raise(R"({"to":[5,"occupant"]})");
     EXPECT_TRUE(host->waitLogged("exception in event callback"));
-    EXPECT_THAT(plugin("occupant").texts("messages"), testing::IsEmpty());
+    EXPECT_THAT(plugin("occupant").texts("messages"), IsEmpty());
     root.letGo("poor", "start");
     EXPECT_TRUE(plugin("poor").waitStarted());
     EXPECT_THAT(waitMessages("occupant", 1), ElementsAreArray({R"({"to":[5,"occupant"]})"}));
@@ -120,28 +122,21 @@ protected:
             root.addPlugin(guid);
     }
 
-    /// Reports and waits for the `times`-th start that it brings about.
-    void start(const std::string& guid, int times = 1) const {
-        plugin(guid).report(41000);
-        ASSERT_TRUE(host->waitLogged("started plugin, guid: " + guid + "\n", times));
-        ASSERT_TRUE(plugin(guid).waitStarted());
-    }
-
     const HttpPeer hook;
 };
 
 TEST_F(WebHookTest, IsToldOnceWhenAsManyStartsEndedAsPluginsAreLoaded) {
     startHost({"--webhook-url=" + hook.url("/started?device=7")});
-    start("one");
-    start("one", 2);
+    startPuppet("one");
+    startPuppet("one");
     EXPECT_THAT(logged("Information"), Not(Contains(kToldWebHook)));
-    start("two"); // it is starts that count, not plugins
+    startPuppet("two"); // it is starts that count, not plugins
     ASSERT_TRUE(host->waitLogged(kToldWebHook));
     ASSERT_TRUE(waitUntil([this] { return hook.count() > 0; }));
-    start("three");
-    start("one", 3);
-    start("two", 2);
-    start("three", 2);
+    startPuppet("three");
+    startPuppet("one");
+    startPuppet("two");
+    startPuppet("three");
     expectOrderlyEnd();
     EXPECT_THAT(logged("Information"), Contains(kToldWebHook).Times(1));
     EXPECT_EQ(countBeforeTelling("started plugin, guid: two"), 1);
@@ -162,7 +157,7 @@ TEST_F(WebHookTest, IsNotToldWhileOneStartIsMissing) {
     plugin("thrower").report(41000);
     ASSERT_TRUE(host->waitLogged("puppet thrower throws in start"));
     for (const char* guid : {"one", "two", "three"})
-        start(guid);
+        startPuppet(guid);
     expectOrderlyEnd();
     EXPECT_THAT(logged("Information"), Not(Contains(kToldWebHook)));
     EXPECT_EQ(hook.count(), 0U);
