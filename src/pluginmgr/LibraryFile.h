@@ -2,7 +2,7 @@
 
 #include <Poco/Exception.h>
 
-#include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <link.h>
 #include <string>
@@ -22,7 +22,7 @@ inline void refuseTruncatedLibrary(const std::string& path) {
     };
     ElfW(Ehdr) header{};
     file.seekg(0);
-    if (!read(header) || !std::equal(ELFMAG, ELFMAG + SELFMAG, header.e_ident) ||
+    if (!read(header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
         header.e_phentsize != sizeof(ElfW(Phdr)))
         return;
     file.seekg(static_cast<std::streamoff>(header.e_phoff));
