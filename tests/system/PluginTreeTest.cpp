@@ -133,9 +133,20 @@ std::vector<Mapped> mappedParts(const std::string& library) {
     return parts;
 }
 
+/// Sections stand behind what is mapped, and only tools look for them.
+std::string withoutSections(std::string library) {
+    Elf64_Ehdr header{};
+    std::memcpy(&header, library.data(), sizeof header);
+    header.e_shoff = 0;
+    header.e_shnum = 0;
+    header.e_shstrndx = SHN_UNDEF;
+    std::memcpy(library.data(), &header, sizeof header);
+    return library;
+}
+
 // The dynamic linker maps a library that was copied in part, and the host died of SIGBUS.
 TEST_F(PluginTreeTest, RefusesALibraryThatEndsBeforeWhatIsMappedOfIt) {
-    const std::string good = readFile(fixture("Complete"));
+    const std::string good = withoutSections(readFile(fixture("Complete")));
     const auto parts = mappedParts(good);
     ASSERT_GE(parts.size(), 2U);
     std::vector<std::string> refused;
