@@ -18,7 +18,8 @@ inline bool isFree(std::mutex& mutex) {
 }
 
 /// While the object lives, every attempt to lock `mutex` fails: lock() throws a std::system_error
-/// with the text kText.
+/// with the text kText. Not to be asked with isFree: glibc's trylock leaves such a mutex locked.
+/// For the locks of one thread RefusingMutex does.
 class BrokenMutex {
 public:
     static constexpr const char* kText = "State not recoverable";

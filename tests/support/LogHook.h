@@ -12,7 +12,8 @@
 namespace ktr::test {
 
 /// Calls a function with every line that goes through cachedLogger() while it lives, on the thread
-/// and inside of the call that logs it, after the former channel had it. The function may throw.
+/// and inside of the call that logs it, before the former channel has it. The function may throw;
+/// then that line is logged nowhere.
 class LogHook {
 public:
     explicit LogHook(std::function<void(const Poco::Message&)> hook)
@@ -30,9 +31,9 @@ private:
         Caller(Poco::AutoPtr<Poco::Channel> next_, std::function<void(const Poco::Message&)> hook_)
             : next(std::move(next_)), hook(std::move(hook_)) {}
         void log(const Poco::Message& message) override {
+            hook(message);
             if (next)
                 next->log(message);
-            hook(message);
         }
 
     private:

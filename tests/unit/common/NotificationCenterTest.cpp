@@ -1,6 +1,7 @@
 #include "ktr/common/NotificationCenter.h"
 
 #include "support/FailingAllocation.h"
+#include "support/Locks.h"
 #include "support/LogCapture.h"
 #include "support/RefusingMutex.h"
 #include "support/WaitUntil.h"
@@ -11,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -44,16 +44,7 @@ protected:
         return Poco::NotificationCenter::defaultCenter().countObservers();
     }
 
-    /// Asked from another thread, since this one may hold it.
-    bool isFree() {
-        return std::async(std::launch::async,
-                          [this] {
-                              const std::unique_lock<std::mutex> lock(center.mutex,
-                                                                      std::try_to_lock);
-                              return lock.owns_lock();
-                          })
-            .get();
-    }
+    bool isFree() { return test::isFree(center.mutex); }
 
     NotificationCenter center;
 };

@@ -1,5 +1,6 @@
 #include "PluginManagerUnderTest.h"
 
+#include "support/LogHook.h"
 #include "support/WaitUntil.h"
 
 #include <Poco/JSON/Array.h>
@@ -20,47 +21,6 @@ std::vector<std::string> texts(const MessageList& queue) {
     for (const auto& message : queue)
         found.push_back(message->text);
     return found;
-}
-
-/// Calls `hook` with whatever is logged, before it is kept. What the hook throws leaves the logger.
-class LogHook {
-public:
-    explicit LogHook(std::function<void(const Poco::Message&)> hook)
-        : former(cachedLogger().getChannel(), true), channel(new Channel(former, std::move(hook))) {
-        cachedLogger().setChannel(channel);
-    }
-    ~LogHook() { cachedLogger().setChannel(former); }
-    LogHook(const LogHook&) = delete;
-    LogHook& operator=(const LogHook&) = delete;
-
-private:
-    class Channel : public Poco::Channel {
-    public:
-        Channel(Poco::AutoPtr<Poco::Channel> next_, std::function<void(const Poco::Message&)> hook_)
-            : next(std::move(next_)), hook(std::move(hook_)) {}
-        void log(const Poco::Message& message) override {
-            hook(message);
-            next->log(message);
-        }
-
-    private:
-        Poco::AutoPtr<Poco::Channel> next;
-        const std::function<void(const Poco::Message&)> hook;
-    };
-
-    const Poco::AutoPtr<Poco::Channel> former;
-    const Poco::AutoPtr<Channel> channel;
-};
-
-/// Whether a thread that does not hold the mutex already could take it.
-bool isFree(std::mutex& mutex) {
-    bool free = false;
-    std::thread([&] {
-        free = mutex.try_lock();
-        if (free)
-            mutex.unlock();
-    }).join();
-    return free;
 }
 
 // ---- state

@@ -3,6 +3,7 @@
 // The whole source, so that its file-local functions and globals can be reached.
 #include "../../../src/pluginmgr/PluginManager.cpp" // NOLINT(bugprone-suspicious-include): see above
 
+#include "support/Locks.h"
 #include "support/LogCapture.h"
 #include "support/fakes/FakeCommon.h"
 
@@ -15,15 +16,9 @@
 
 namespace ktr::test {
 
-/// True if the registry's lock is free right now. Not to be asked by the thread that holds it.
+/// True if the registry's lock is free right now.
 inline bool registryIsFree() {
-    bool free = false;
-    std::thread([&free] {
-        free = s_plugin_mutex.try_lock();
-        if (free)
-            s_plugin_mutex.unlock();
-    }).join();
-    return free;
+    return isFree(s_plugin_mutex);
 }
 
 /// What the plugin objects of one test went through, oldest first.
