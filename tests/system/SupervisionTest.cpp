@@ -32,11 +32,12 @@ double timeOf(const std::string& stamp) {
 /// not count.
 std::vector<double> timesOf(const HostProcess& host, const std::string& level,
                             const std::string& text) {
+    const std::string wanted = " " + level + " " + text;
     std::vector<double> times;
     std::istringstream in(host.err());
     for (std::string line; std::getline(in, line);) {
         const auto space = line.find(' ');
-        if (space != std::string::npos && line.substr(space) == " " + level + " " + text)
+        if (space != std::string::npos && line.substr(space) == wanted)
             times.push_back(timeOf(line.substr(0, space)));
     }
     return times;

@@ -64,8 +64,8 @@ private:
 /// Takes connections and answers each by one text, then ends it.
 class Peer {
 public:
-    Peer(Poco::Net::ServerSocket socket_, std::string answer_)
-        : socket(std::move(socket_)), answer(std::move(answer_)) {
+    Peer(const Poco::Net::ServerSocket& socket_, std::string answer_)
+        : socket(socket_), answer(std::move(answer_)) {
         socket.listen();
         thread = std::thread([this] { run(); });
     }

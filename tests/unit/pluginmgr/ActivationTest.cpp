@@ -505,6 +505,7 @@ TEST_F(ActivationTest, LogsWhatTheFallbackStartThrows) {
 /// Throws the same thing from each of its entry points that is named.
 struct ThrowingPlugin : PluginBase {
     ThrowingPlugin(std::string where_, std::exception_ptr failure_)
+        // NOLINTNEXTLINE(bugprone-throw-keyword-missing): thrown when it is called
         : where(std::move(where_)), failure(std::move(failure_)) {}
     void setEventCallback(std::function<void(std::string)> /*callback*/) override {
         throwIf("setEventCallback");
