@@ -69,6 +69,7 @@ void killChildProcesses() {
             kill(child.group == child.pid ? -child.pid : child.pid, SIGKILL);
             waitpid(child.pid, nullptr, WNOHANG);
         }
+        // nothing wakes who waits for processes that may be killed but not yet launched
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         children = childProcesses();
     }

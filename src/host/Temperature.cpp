@@ -37,6 +37,7 @@ void sample(std::chrono::seconds period) {
             logReading();
             due = std::chrono::steady_clock::now() + period;
         }
+        // the library clears the flag and joins: nothing else would wake this thread
         std::this_thread::sleep_for(kFlagPoll);
     }
 }

@@ -60,6 +60,7 @@ public:
               Poco::Net::StreamSocket peer = socket.acceptConnection();
               try {
                   peer.sendBytes(text.data(), static_cast<int>(text.size()));
+                  // slowly: what it tests is a server that never quite stops
                   while (peer.sendBytes("x", 1) == 1)
                       std::this_thread::sleep_for(1ms);
               } catch (const Poco::Exception&) {
