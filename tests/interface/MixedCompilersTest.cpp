@@ -71,7 +71,9 @@ TEST(MixedCompilersTest, APluginLivesItsWholeLife) {
         return notes.size() == 2;
     }));
     EXPECT_THAT(notes, ElementsAre("onMessage " + event, R"(onMessage {"to":["ketra-probe"]})"));
-    EXPECT_THAT(log.texts(Poco::Message::PRIO_ERROR),
+    const auto errors = [&log] { return log.texts(Poco::Message::PRIO_ERROR); };
+    EXPECT_TRUE(waitUntil([&] { return !errors().empty(); }));
+    EXPECT_THAT(errors(),
                 ElementsAre(StartsWith("exception in event callback, error: probe throws")));
 
     _loop_thread_get_cpu_temp_run = true;
