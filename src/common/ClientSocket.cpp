@@ -22,6 +22,9 @@ constexpr milliseconds kSendSlice{100};
 constexpr milliseconds kSendTimeAtStop{1000};
 constexpr milliseconds kLingerTime{500};
 
+/// The type of the record with which every TLS client begins; no method of HTTP does.
+constexpr unsigned char kTlsHandshake = 0x16;
+
 bool wouldBlock(int code) {
     return code == EAGAIN || code == EINTR;
 }
@@ -38,9 +41,11 @@ bool waitForSocket(int descriptor, short events, OpenConnections::Clock::duratio
     return ::poll(&waited, 1, static_cast<int>(std::clamp<std::int64_t>(left, 0, 86'400'000))) > 0;
 }
 
-ClientSocket::ClientSocket(int descriptor, std::shared_ptr<OpenConnections> connections_,
+ClientSocket::ClientSocket(int descriptor, const Poco::Net::SocketAddress& peer_,
+                           std::shared_ptr<OpenConnections> connections_,
                            const WebApiBasic::Limits& limits_)
-    : StreamSocketImpl(descriptor), connections(std::move(connections_)), limits(limits_) {
+    : StreamSocketImpl(descriptor), client(peer_), connections(std::move(connections_)),
+      limits(limits_) {
     connections->add(descriptor);
 }
 
@@ -48,9 +53,38 @@ ClientSocket::~ClientSocket() {
     ClientSocket::close();
 }
 
+void ClientSocket::shutdownSend() {
+    if (tls)
+        tls->end();
+    StreamSocketImpl::shutdownSend();
+}
+
 void ClientSocket::close() {
+    tls.reset();
     connections->remove(sockfd());
     StreamSocketImpl::close();
+}
+
+// The connection still counts as idle, so that whoever says nothing, or nothing more, makes room.
+ClientSocket::Opening ClientSocket::awaitOpening() {
+    deadline = Clock::now() + duration(limits.headerTime);
+    if (!awaitRequest() || !waitForSocket(sockfd(), POLLIN, deadline - Clock::now()))
+        return Opening::nothing;
+    unsigned char first = 0;
+    if (::recv(sockfd(), &first, 1, MSG_PEEK | MSG_DONTWAIT) != 1)
+        return Opening::nothing;
+    return first == kTlsHandshake ? Opening::tls : Opening::other;
+}
+
+void ClientSocket::startTls(const Poco::Net::Context::Ptr& context) {
+    tls.emplace(sockfd(), context);
+    while (Clock::now() < deadline) {
+        const Attempt attempt = tls->handshake();
+        if (attempt.wanted == 0)
+            return;
+        waitForSocket(sockfd(), attempt.wanted, deadline - Clock::now());
+    }
+    throw Poco::TimeoutException("the handshake takes too long");
 }
 
 bool ClientSocket::awaitRequest() {
@@ -75,18 +109,38 @@ bool ClientSocket::answer() {
     return connections->enter(sockfd(), OpenConnections::Phase::answering);
 }
 
-/// How many bytes, 0 at the end of the stream (a broken connection is an end too), -1 when it takes
-/// too long.
+/// A broken connection is an end of the stream too.
+Attempt ClientSocket::receiveNow(void* buffer, int length) {
+    if (tls) {
+        try {
+            return tls->receive(buffer, length);
+        } catch (const Poco::Exception&) {
+            return {};
+        }
+    }
+    const ssize_t got = ::recv(sockfd(), buffer, static_cast<std::size_t>(length), MSG_DONTWAIT);
+    if (got < 0 && wouldBlock(errno))
+        return {0, POLLIN};
+    return {static_cast<int>(std::max<ssize_t>(got, 0)), 0};
+}
+
+Attempt ClientSocket::sendNow(const void* buffer, std::size_t length, int flags) {
+    if (tls)
+        return tls->send(buffer, static_cast<int>(length));
+    const ssize_t sent = ::send(sockfd(), buffer, length, flags | MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && !wouldBlock(errno))
+        error();
+    return sent < 0 ? Attempt{0, POLLOUT} : Attempt{static_cast<int>(sent), 0};
+}
+
+/// How many bytes, 0 at the end of the stream, -1 when it takes too long.
 int ClientSocket::receiveUntil(Clock::time_point end, void* buffer, int length) {
     // a client that always has a byte ready is not to outrun its time
     while (Clock::now() < end) {
-        const ssize_t got =
-            ::recv(sockfd(), buffer, static_cast<std::size_t>(length), MSG_DONTWAIT);
-        if (got >= 0)
-            return static_cast<int>(got);
-        if (!wouldBlock(errno))
-            return 0;
-        waitForSocket(sockfd(), POLLIN, end - Clock::now());
+        const Attempt attempt = receiveNow(buffer, length);
+        if (attempt.wanted == 0)
+            return attempt.bytes;
+        waitForSocket(sockfd(), attempt.wanted, end - Clock::now());
     }
     return -1;
 }
@@ -116,12 +170,10 @@ int ClientSocket::sendBytes(const void* buffer, int length, int flags) {
     while (left > 0) {
         if (stalled)
             throw Poco::TimeoutException("the client does not take its answer");
-        const ssize_t sent = ::send(sockfd(), data, left, flags | MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent < 0 && !wouldBlock(errno))
-            error();
-        if (sent > 0) {
-            data += sent;
-            left -= static_cast<std::size_t>(sent);
+        const Attempt attempt = sendNow(data, left, flags);
+        if (attempt.bytes > 0) {
+            data += attempt.bytes;
+            left -= static_cast<std::size_t>(attempt.bytes);
             if (!stopping())
                 progress = Clock::now();
             continue;
@@ -130,17 +182,21 @@ int ClientSocket::sendBytes(const void* buffer, int length, int flags) {
             stopping() ? Clock::duration(kSendTimeAtStop) : duration(limits.headerTime);
         stalled = Clock::now() - progress >= patience;
         if (!stalled)
-            waitForSocket(sockfd(), POLLOUT, kSendSlice);
+            waitForSocket(sockfd(), attempt.wanted, kSendSlice);
     }
     return length;
 }
 
 bool ClientSocket::poll(const Poco::Timespan& timeout, int mode) {
-    const short events = (mode & SELECT_WRITE) != 0 ? POLLOUT : POLLIN;
+    const bool forWriting = (mode & SELECT_WRITE) != 0;
+    if (!forWriting && tls && tls->pending())
+        return true;
+    const short events = forWriting ? POLLOUT : POLLIN;
     return waitForSocket(sockfd(), events, duration(timeout));
 }
 
 void ClientSocket::linger() {
+    tls.reset();
     ::shutdown(sockfd(), SHUT_WR);
     const auto end = Clock::now() + kLingerTime;
     std::array<char, 16'384> ignored;

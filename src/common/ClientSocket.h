@@ -1,13 +1,16 @@
 #pragma once
 
 #include "OpenConnections.h"
+#include "TlsStream.h"
 
 #include "ktr/common/WebApiBasic.h"
 
+#include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocketImpl.h>
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 
 namespace ktr {
 
@@ -20,9 +23,20 @@ class ClientSocket : public Poco::Net::StreamSocketImpl {
 public:
     using Clock = OpenConnections::Clock;
 
-    /// Owns `descriptor`.
-    ClientSocket(int descriptor, std::shared_ptr<OpenConnections> connections,
-                 const WebApiBasic::Limits& limits);
+    /// How a client begins.
+    enum class Opening { nothing, tls, other };
+
+    /// Owns `descriptor`, whose other end is `peer`.
+    ClientSocket(int descriptor, const Poco::Net::SocketAddress& peer,
+                 std::shared_ptr<OpenConnections> connections, const WebApiBasic::Limits& limits);
+
+    /// Also when the client has gone, unlike peerAddress().
+    const Poco::Net::SocketAddress& peer() const { return client; }
+
+    /// Waits for the first byte and leaves it; `nothing` when none comes in the header's time.
+    Opening awaitOpening();
+    /// To follow awaitOpening, in what is left of its time. Throws Poco::Exception.
+    void startTls(const Poco::Net::Context::Ptr& context);
 
     // what comes next; false when the connection is to end instead
     bool awaitRequest();
@@ -37,6 +51,8 @@ public:
 
     bool stopping() const { return connections->stopping(); }
 
+    bool secure() const override { return tls.has_value(); }
+
     using StreamSocketImpl::receiveBytes;
     using StreamSocketImpl::sendBytes;
     /// Throws HttpFault when the client is over its time, over its bytes, or breaks off.
@@ -44,16 +60,23 @@ public:
     int sendBytes(const void* buffer, int length, int flags) override;
     /// Unlike Poco's without a descriptor of its own.
     bool poll(const Poco::Timespan& timeout, int mode) override;
+    /// How Poco ends an answer that has no length.
+    void shutdownSend() override;
     void close() override;
 
 protected:
     ~ClientSocket() override;
 
 private:
+    Attempt receiveNow(void* buffer, int length);
+    Attempt sendNow(const void* buffer, std::size_t length, int flags);
     int receiveUntil(Clock::time_point end, void* buffer, int length);
 
+    const Poco::Net::SocketAddress client;
     const std::shared_ptr<OpenConnections> connections;
     const WebApiBasic::Limits limits;
+    /// None on a connection in plain text.
+    std::optional<TlsStream> tls;
     Clock::time_point deadline;
     /// What may still be received of the header.
     std::size_t headerLeft = 0;

@@ -52,6 +52,8 @@ void sendError(HttpResponse& response, HTTPResponse::HTTPStatus status, const st
     response.setDate(Poco::Timestamp());
     response.setStatusAndReason(status);
     response.setContentType("application/json");
+    if (status == HTTPResponse::HTTP_UNAUTHORIZED)
+        response.set("WWW-Authenticate", "Bearer");
     response.setContentLength(static_cast<std::streamsize>(body.size()));
     response.send() << body;
 }
@@ -88,9 +90,8 @@ public:
     }
 };
 
-HttpConnection::HttpConnection(const Poco::Net::StreamSocket& socket_, RouteTable& routes_,
-                               const WebApiBasic::Limits& limits_)
-    : TCPServerConnection(socket_), routes(routes_), limits(limits_),
+HttpConnection::HttpConnection(const Poco::Net::StreamSocket& socket_, Server& server_)
+    : TCPServerConnection(socket_), server(server_), limits(server.settings.limits),
       client(dynamic_cast<ClientSocket&>(*socket().impl())) {
     params->setTimeout(limits.idleTime);
     params->setKeepAliveTimeout(limits.idleTime);
@@ -99,10 +100,41 @@ HttpConnection::HttpConnection(const Poco::Net::StreamSocket& socket_, RouteTabl
 void HttpConnection::run() {
     Session session(socket(), params);
     try {
+        if (!secure())
+            return;
         while (client.awaitRequest() && session.hasMoreRequests() && serveOne(session)) {
         }
     } catch (const Poco::Exception& e) {
         logEnd(e);
+    }
+}
+
+/// Whether the connection may go on: with TLS where the server has a certificate.
+bool HttpConnection::secure() {
+    if (!server.settings.tls)
+        return true;
+    const std::string peer = client.peer().toString();
+    switch (client.awaitOpening()) {
+    case ClientSocket::Opening::nothing:
+        return false;
+    case ClientSocket::Opening::other:
+        // the device's own services know the host's port and nothing of certificates
+        if (isLoopback(client.peer().host()))
+            return true;
+        server.handshakeFailures.warning("web api: " + peer +
+                                         " closed: it does not speak TLS; use https");
+        return false;
+    case ClientSocket::Opening::tls:
+        break;
+    }
+    try {
+        client.startTls(server.settings.tls);
+        return true;
+    } catch (const Poco::Exception& e) {
+        if (!client.stopping())
+            server.handshakeFailures.warning("web api: TLS handshake with " + peer +
+                                             " failed: " + e.displayText());
+        return false;
     }
 }
 
@@ -117,6 +149,7 @@ bool HttpConnection::serveOne(Session& session) {
         HttpRequest request(response, session, *params);
         subject = printable(request.getMethod() + " " + request.getURI());
         request.check();
+        authorize(request);
         response.setVersion(request.getVersion());
         const Target target(request.getURI());
         if (!client.readBody())
@@ -138,6 +171,13 @@ bool HttpConnection::serveOne(Session& session) {
     return true;
 }
 
+void HttpConnection::authorize(const HttpRequest& request) const {
+    if (!server.settings.access.authorizes(client.peer().host(), request))
+        throw HttpFault(
+            HTTPResponse::HTTP_UNAUTHORIZED,
+            "clients from outside must send the host's token: Authorization: Bearer TOKEN");
+}
+
 /// Answers a request that cannot be read to its end, so that the connection ends with it.
 void HttpConnection::refuse(Session& session, const HttpFault& fault) {
     if (client.stopping())
@@ -153,11 +193,15 @@ void HttpConnection::refuse(Session& session, const HttpFault& fault) {
 }
 
 void HttpConnection::logRefusal(const HttpFault& fault) {
-    if (cachedLogger().warning())
-        cachedLogger().warning(Poco::format("web api: %s from %s refused with %d: %s", subject,
-                                            client.peerAddress().toString(), fault.code(),
-                                            printable(fault.message())),
-                               __FILE__, __LINE__);
+    if (!cachedLogger().warning())
+        return;
+    const std::string text =
+        Poco::format("web api: %s from %s refused with %d: %s", subject, client.peer().toString(),
+                     fault.code(), printable(fault.message()));
+    if (fault.status() == HTTPResponse::HTTP_UNAUTHORIZED)
+        server.unauthorized.warning(text);
+    else
+        cachedLogger().warning(text, __FILE__, __LINE__);
 }
 
 /// False when the answer broke off.
@@ -175,7 +219,7 @@ bool HttpConnection::answer(HttpRequest& request, HttpResponse& response, const 
 }
 
 bool HttpConnection::handle(HttpRequest& request, HttpResponse& response, const Target& target) {
-    RouteTable::Call call(routes, target.path);
+    RouteTable::Call call(server.routes, target.path);
     if (!call)
         throw HttpFault(HTTPResponse::HTTP_NOT_FOUND, "no such route: " + printable(target.path));
     const auto parameters =

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "BoundedLog.h"
 #include "ClientSocket.h"
 #include "HttpFault.h"
-
-#include "ktr/common/WebApiBasic.h"
+#include "ServerSettings.h"
 
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/StreamSocket.h>
@@ -22,9 +22,16 @@ struct Target;
 /// not let its errors be answered otherwise than with an empty 400.
 class HttpConnection : public Poco::Net::TCPServerConnection {
 public:
+    /// What the connections of one server have in common; outlives them.
+    struct Server {
+        RouteTable& routes;
+        const ServerSettings settings;
+        BoundedLog handshakeFailures;
+        BoundedLog unauthorized;
+    };
+
     /// The socket is a ClientSocket.
-    HttpConnection(const Poco::Net::StreamSocket& socket, RouteTable& routes,
-                   const WebApiBasic::Limits& limits);
+    HttpConnection(const Poco::Net::StreamSocket& socket, Server& server);
 
     /// Serves until the client, a limit or a stop ends the connection.
     void run() override;
@@ -32,14 +39,16 @@ public:
 private:
     class Session;
 
+    bool secure();
     bool serveOne(Session& session);
+    void authorize(const HttpRequest& request) const;
     bool answer(HttpRequest& request, HttpResponse& response, const Target& target);
     bool handle(HttpRequest& request, HttpResponse& response, const Target& target);
     void refuse(Session& session, const HttpFault& fault);
     void logRefusal(const HttpFault& fault);
 
-    RouteTable& routes;
-    const WebApiBasic::Limits limits;
+    Server& server;
+    const WebApiBasic::Limits& limits;
     Poco::Net::HTTPServerParams::Ptr params{new Poco::Net::HTTPServerParams};
     ClientSocket& client;
     /// The request that is being served, as log lines name it.

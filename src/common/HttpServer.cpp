@@ -20,17 +20,16 @@ constexpr int kBacklog = 128;
 
 class ConnectionFactory : public Poco::Net::TCPServerConnectionFactory {
 public:
-    ConnectionFactory(RouteTable& routes_, const WebApiBasic::Limits& limits_)
-        : routes(routes_), limits(limits_) {}
+    ConnectionFactory(RouteTable& routes, const ServerSettings& settings)
+        : server{routes, settings, BoundedLog(), BoundedLog()} {}
 
     Poco::Net::TCPServerConnection*
     createConnection(const Poco::Net::StreamSocket& socket) override {
-        return new HttpConnection(socket, routes, limits);
+        return new HttpConnection(socket, server);
     }
 
 private:
-    RouteTable& routes;
-    const WebApiBasic::Limits limits;
+    HttpConnection::Server server;
 };
 
 /// Poco leaves it to a subclass to choose the implementation.
@@ -39,18 +38,19 @@ public:
     explicit Listener(ListenSocket* implementation) : ServerSocket(implementation, true) {}
 };
 
-WebApiBasic::Limits usable(WebApiBasic::Limits limits) {
-    limits.connections = std::max(limits.connections, 1);
-    return limits;
+ServerSettings usable(ServerSettings settings) {
+    settings.limits.connections = std::max(settings.limits.connections, 1);
+    return settings;
 }
 
 } // namespace
 
 HttpServer::HttpServer(const std::string& ip, unsigned short port, RouteTable& routes_,
-                       const WebApiBasic::Limits& limits_)
-    : routes(routes_), limits(usable(limits_)),
-      connections(std::make_shared<OpenConnections>(static_cast<std::size_t>(limits.connections))),
-      socket(Listener(new ListenSocket(connections, limits))) {
+                       const ServerSettings& settings_)
+    : routes(routes_), settings(usable(settings_)),
+      connections(
+          std::make_shared<OpenConnections>(static_cast<std::size_t>(settings.limits.connections))),
+      socket(Listener(new ListenSocket(connections, settings))) {
     try {
         // A port that just served may be bound again; one that is being served may not be shared.
         socket.bind(Poco::Net::SocketAddress(ip, port), true, false);
@@ -67,13 +67,15 @@ HttpServer::HttpServer(const std::string& ip, unsigned short port, RouteTable& r
 
 void HttpServer::start() {
     Poco::Net::TCPServerParams::Ptr params(new Poco::Net::TCPServerParams);
-    params->setMaxThreads(limits.connections);
-    params->setMaxQueued(limits.connections);
+    const int most = settings.limits.connections;
+    params->setMaxThreads(most);
+    params->setMaxQueued(most);
     // a stop wakes but one of the threads that wait for a connection
     params->setThreadIdleTime(Poco::Timespan(0, 200'000));
     // a thread that has ended its connection still counts for a moment
-    threads.emplace("web api", 1, 2 * limits.connections);
-    const Poco::Net::TCPServerConnectionFactory::Ptr factory(new ConnectionFactory(routes, limits));
+    threads.emplace("web api", 1, 2 * most);
+    const Poco::Net::TCPServerConnectionFactory::Ptr factory(
+        new ConnectionFactory(routes, settings));
     server.emplace(factory, *threads, socket, params);
     try {
         server->start();

@@ -1,8 +1,7 @@
 #pragma once
 
 #include "OpenConnections.h"
-
-#include "ktr/common/WebApiBasic.h"
+#include "ServerSettings.h"
 
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
@@ -17,14 +16,14 @@ namespace ktr {
 
 class RouteTable;
 
-/// Poco's server with the limits of the web API.
+/// Poco's server with the limits of the web API, and its rules about who may talk to it.
 ///
 /// Thread safety: belongs to one thread.
 class HttpServer {
 public:
     /// Binds and listens. Throws Poco::Net::NetException.
     HttpServer(const std::string& ip, unsigned short port, RouteTable& routes,
-               const WebApiBasic::Limits& limits);
+               const ServerSettings& settings);
     /// Ends connections, lets answers go out, and waits for every thread.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
@@ -38,7 +37,7 @@ public:
 
 private:
     RouteTable& routes;
-    const WebApiBasic::Limits limits;
+    const ServerSettings settings;
     const std::shared_ptr<OpenConnections> connections;
     Poco::Net::ServerSocket socket;
     std::optional<Poco::ThreadPool> threads;

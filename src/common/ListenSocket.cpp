@@ -8,29 +8,48 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 namespace ktr {
 
 ListenSocket::ListenSocket(std::shared_ptr<OpenConnections> connections_,
-                           const WebApiBasic::Limits& limits_)
-    : connections(std::move(connections_)), limits(limits_) {}
+                           const ServerSettings& settings)
+    : connections(std::move(connections_)), limits(settings.limits), access(settings.access) {}
+
+ListenSocket::~ListenSocket() {
+    if (accepted >= 0)
+        ::close(accepted);
+}
 
 bool ListenSocket::poll(const Poco::Timespan& timeout, int /*mode*/) {
     const std::chrono::microseconds time(timeout.totalMicroseconds());
-    if (!waitForSocket(sockfd(), POLLIN, time) || !connections->waitForRoom(time))
+    return (accepted >= 0 || acceptOne(time)) && connections->waitForRoom(time);
+}
+
+/// Whether there is now a connection that may be handed on.
+bool ListenSocket::acceptOne(Clock::duration timeout) {
+    if (!waitForSocket(sockfd(), POLLIN, timeout))
         return false;
-    accepted = ::accept4(sockfd(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (accepted < 0)
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    auto* const from = reinterpret_cast<sockaddr*>(&address);
+    accepted = ::accept4(sockfd(), from, &length, SOCK_CLOEXEC);
+    if (accepted < 0) {
         reportFailure(errno);
-    else
-        failing = false;
-    return accepted >= 0;
+        return false;
+    }
+    failing = false;
+    peer = Poco::Net::SocketAddress(from, length);
+    if (access.admits(peer.host()))
+        return true;
+    ::close(std::exchange(accepted, -1));
+    refusals.warning("web api: " + peer.toString() + " closed: it is in no allowed network");
+    return false;
 }
 
 Poco::Net::SocketImpl* ListenSocket::acceptConnection(Poco::Net::SocketAddress& /*client*/) {
-    // the server has no use for the address, and asking for it fails when the client has gone
-    return new ClientSocket(std::exchange(accepted, -1), connections, limits);
+    return new ClientSocket(std::exchange(accepted, -1), peer, connections, limits);
 }
 
 void ListenSocket::reportFailure(int code) {

@@ -2,6 +2,8 @@
 
 #include "HttpServer.h"
 #include "RouteTable.h"
+#include "ServerSettings.h"
+#include "TlsStream.h"
 
 #include <Poco/Exception.h>
 
@@ -13,8 +15,8 @@ namespace ktr {
 struct WebApiBasic::Impl {
     RouteTable routes;
 
-    std::mutex limitsMutex;
-    Limits limits;
+    std::mutex settingsMutex;
+    ServerSettings settings;
 
     // of the thread that binds, serves and stops
     std::unique_ptr<HttpServer> server;
@@ -46,15 +48,34 @@ void WebApiBasic::apiUnregist(const std::string& route) {
 }
 
 void WebApiBasic::setLimits(const Limits& limits) {
-    const std::lock_guard<std::mutex> lock(impl->limitsMutex);
-    impl->limits = limits;
+    const std::lock_guard<std::mutex> lock(impl->settingsMutex);
+    impl->settings.limits = limits;
+}
+
+void WebApiBasic::allowNetworks(const std::vector<std::string>& networks) {
+    const NetworkList list(networks);
+    const std::lock_guard<std::mutex> lock(impl->settingsMutex);
+    impl->settings.access.allow(list);
+}
+
+void WebApiBasic::requireToken(const std::string& token) {
+    const std::lock_guard<std::mutex> lock(impl->settingsMutex);
+    impl->settings.access.requireToken(token);
+}
+
+void WebApiBasic::useTls(const std::string& certificateFile, const std::string& keyFile) {
+    const bool wanted = !certificateFile.empty() || !keyFile.empty();
+    const Poco::Net::Context::Ptr context =
+        wanted ? makeTlsContext(certificateFile, keyFile) : nullptr;
+    const std::lock_guard<std::mutex> lock(impl->settingsMutex);
+    impl->settings.tls = context;
 }
 
 Poco::Net::SocketAddress WebApiBasic::bind(const std::string& ip, unsigned short port) {
     if (impl->server)
         throw Poco::IllegalStateException("the web api is bound already; call stop first");
-    const std::lock_guard<std::mutex> lock(impl->limitsMutex);
-    impl->server = std::make_unique<HttpServer>(ip, port, impl->routes, impl->limits);
+    const std::lock_guard<std::mutex> lock(impl->settingsMutex);
+    impl->server = std::make_unique<HttpServer>(ip, port, impl->routes, impl->settings);
     return impl->server->address();
 }
 

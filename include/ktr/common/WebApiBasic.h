@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace Poco::Net {
 class HTTPServerRequest;
@@ -22,9 +23,10 @@ namespace ktr {
 ///
 /// The router answers by itself, each time with a JSON body ({"code":-1,"msg":"..."}) and a log
 /// line: an unknown route 404, a handler that throws 500, a malformed request or body 400, a header
-/// or body that takes too long 408, a body or header over the limit 413 or 431, a transfer encoding
-/// other than chunked 501, an HTTP version other than 1.0 and 1.1 505. Every method goes to the
-/// handler, which may ask for it; of the answer to a HEAD request only the header is sent.
+/// or body that takes too long 408, a body or header over the limit 413 or 431, a request without
+/// the token that requireToken asks for 401, a transfer encoding other than chunked 501, an HTTP
+/// version other than 1.0 and 1.1 505. Every method goes to the handler, which may ask for it; of
+/// the answer to a HEAD request only the header is sent.
 ///
 /// The whole body is read before the handler runs, so request.stream() never waits for the client
 /// and holds the body also where it was taken for parameters. An answer needs neither length nor
@@ -92,6 +94,29 @@ public:
 
     /// Replaces the limits; takes effect with the next bind().
     void setLimits(const Limits& limits);
+
+    /// Takes connections from these networks only, and from this machine's loopback addresses. Each
+    /// is an IPv4 or IPv6 network such as "192.168.7.0/24" or "fd00::/8", or a single address. Any
+    /// other client's connection is closed before a byte of it is read. IPv4 clients of a socket
+    /// that listens on :: count as IPv4. An empty list, the default, lets everybody in. Throws
+    /// Poco::InvalidArgumentException for an entry that is none of these; takes effect with the
+    /// next bind().
+    void allowNetworks(const std::vector<std::string>& networks);
+
+    /// Asks whoever is not on a loopback address for `token` in each request ("Authorization:
+    /// Bearer TOKEN"); without it a request is answered with 401 before its body is read, and the
+    /// connection ends. From 32 to 4096 characters, printable ASCII without spaces; empty, the
+    /// default, asks nobody. Throws Poco::InvalidArgumentException for any other; takes effect with
+    /// the next bind().
+    void requireToken(const std::string& token);
+
+    /// Serves https, with TLS 1.2 and later, by a certificate (its chain may follow it) and its
+    /// key, which must not be encrypted; PEM files both, read here and not again. The handshake has
+    /// to be over within Limits::headerTime. Clients on a loopback address, as the device's own
+    /// services are, may go on with plain HTTP; from elsewhere it is answered by closing the
+    /// connection. Two empty names, the default, serve http. Throws Poco::InvalidArgumentException
+    /// for files that cannot be used; takes effect with the next bind().
+    void useTls(const std::string& certificateFile, const std::string& keyFile);
 
     /// Binds to `ip` (IPv4 or IPv6, or a host name) and `port` (0 picks a free one) and listens;
     /// connections wait in the backlog until serve(). Returns the bound address. Throws
