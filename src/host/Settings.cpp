@@ -104,6 +104,15 @@ void readLog(const RawSettings& raw, Settings& settings) {
     settings.logPurgeCount = raw.number("log.purge.count", 1, 10000);
 }
 
+void checkAddress(const RawSettings& raw) {
+    const std::string text = raw.value("bind");
+    Poco::Net::IPAddress address;
+    // to Poco's parser "::" looks like a failure of its own
+    if (text != "::" && !Poco::Net::IPAddress::tryParse(text, address))
+        raw.reject("bind", "must be an IP address such as 127.0.0.1, 0.0.0.0, ::1 or ::, not '" +
+                               text + "'");
+}
+
 } // namespace
 
 const std::vector<Key>& allKeys() {
@@ -220,10 +229,7 @@ Settings readSettings(const RawSettings& raw) {
     settings.raw = raw;
     settings.root = raw.path("root");
     settings.bind = raw.value("bind");
-    Poco::Net::IPAddress address;
-    if (!Poco::Net::IPAddress::tryParse(settings.bind, address))
-        raw.reject("bind", "must be an IP address such as 127.0.0.1, 0.0.0.0 or ::1, not '" +
-                               settings.bind + "'");
+    checkAddress(raw);
     settings.port = static_cast<unsigned short>(raw.number("port", 0, 65535));
     readMqtt(raw, settings.mqtt);
     settings.webHook.urls = raw.values("webhook.url");
