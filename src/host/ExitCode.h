@@ -15,7 +15,7 @@ enum ExitCode : int {
     ExitSystem = 71,
     /// A step of the shutdown, or of a start-up that was told to end, did not finish in time.
     ExitHung = 75,
-    /// The root or the configuration file cannot be used.
+    /// The root, the configuration file or what guards the port cannot be used.
     ExitConfig = 78,
 };
 

@@ -41,6 +41,32 @@ void configureWebHook(const Settings& settings) {
     }
 }
 
+void configureTls(WebApiBasic& webApi, const AccessSettings& access) {
+    try {
+        webApi.useTls(access.certificateFile, access.keyFile);
+    } catch (const Poco::InvalidArgumentException& e) {
+        throw StartError(ExitConfig, "TLS cannot be served (" + e.message() +
+                                         "); name a certificate with --tls-cert and its key, not "
+                                         "encrypted, with --tls-key, in PEM");
+    }
+}
+
+void configureAccess(WebApiBasic& webApi, const Settings& settings) {
+    try {
+        webApi.allowNetworks(settings.access.networks);
+    } catch (const Poco::InvalidArgumentException& e) {
+        settings.raw.reject("allow", "cannot be used: " + e.message());
+    }
+    try {
+        webApi.requireToken(settings.access.token);
+    } catch (const Poco::InvalidArgumentException& e) {
+        throw StartError(ExitConfig, "the token in " + settings.raw.path("api.token.file") +
+                                         " cannot be used: " + e.message() +
+                                         "; openssl rand -hex 32 makes a good one");
+    }
+    configureTls(webApi, settings.access);
+}
+
 void enterRoot(const Settings& settings) {
     std::error_code error;
     // the directory is read now, since an unreadable one would look like an empty one later
@@ -115,6 +141,7 @@ void logFailedStep(const char* step) {
 Host::Host(const Settings& settings_, StopControl& stop_)
     : settings(settings_), stop(stop_), webApi(WebApiBasic::instance()),
       mqttClient(makeMqttClient(settings)) {
+    configureAccess(*webApi, settings);
     configureWebHook(settings);
 }
 
@@ -198,7 +225,14 @@ void Host::bind() {
 }
 
 void Host::tellReady() {
-    const std::string line = "ketra-host ready on http://" + address.toString();
+    const bool tls = !settings.access.certificateFile.empty();
+    if (!settings.access.token.empty() && !tls && !address.host().isLoopback() &&
+        cachedLogger().warning())
+        cachedLogger().warning("the token crosses the network in plain text; set --tls-cert and "
+                               "--tls-key",
+                               __FILE__, __LINE__);
+    const std::string line =
+        std::string("ketra-host ready on ") + (tls ? "https://" : "http://") + address.toString();
     if (cachedLogger().information())
         cachedLogger().information(line, __FILE__, __LINE__);
     std::cout << line << std::endl;

@@ -138,7 +138,8 @@ int HostApplication::printHelp() const {
            "SIGINT, SIGTERM and SIGHUP (unless ignored, as under nohup) end the host.\n\n"
            "Exit codes: 0 ended as asked, 64 bad option, 70 unexpected failure, 71 the system "
            "refused\n(port in use), 75 a shutdown that hung was cut short, 78 bad "
-           "configuration file or root.\n";
+           "configuration file\nor root, bad token file, certificate or key, or an address open "
+           "to everybody.\n";
     std::cout.flush();
     return EXIT_OK;
 }

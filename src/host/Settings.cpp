@@ -104,13 +104,14 @@ void readLog(const RawSettings& raw, Settings& settings) {
     settings.logPurgeCount = raw.number("log.purge.count", 1, 10000);
 }
 
-void checkAddress(const RawSettings& raw) {
+Poco::Net::IPAddress readBind(const RawSettings& raw) {
     const std::string text = raw.value("bind");
-    Poco::Net::IPAddress address;
+    Poco::Net::IPAddress address(Poco::Net::IPAddress::IPv6);
     // to Poco's parser "::" looks like a failure of its own
     if (text != "::" && !Poco::Net::IPAddress::tryParse(text, address))
         raw.reject("bind", "must be an IP address such as 127.0.0.1, 0.0.0.0, ::1 or ::, not '" +
                                text + "'");
+    return address;
 }
 
 } // namespace
@@ -121,6 +122,17 @@ const std::vector<Key>& allKeys() {
          ".", true, false},
         {"bind", "IP", "address to serve HTTP on", "127.0.0.1", true, false},
         {"port", "NUMBER", "port to serve HTTP on; 0 picks a free one", "8080", true, false},
+        {"allow", "NETWORK",
+         "network or address whose clients are let in, comma separated, such as 192.168.7.0/24 or "
+         "fd00::/8; none: everybody; this machine always is",
+         "", true, true},
+        {"api.token.file", "FILE",
+         "file whose first line other machines must send with each request (Authorization: "
+         "Bearer ...)",
+         "", true, false},
+        {"tls.cert", "FILE", "PEM file of a certificate, and its chain, to serve HTTPS with", "",
+         true, false},
+        {"tls.key", "FILE", "PEM file of that certificate's key", "", true, false},
         {"mqtt.url", "URL", "broker: tcp://HOST:PORT or ssl://HOST:PORT; none: not connected", "",
          true, false},
         {"mqtt.client.id", "TEXT", "name at the broker; none: ketra- and a random part", "", false,
@@ -229,8 +241,9 @@ Settings readSettings(const RawSettings& raw) {
     settings.raw = raw;
     settings.root = raw.path("root");
     settings.bind = raw.value("bind");
-    checkAddress(raw);
+    const Poco::Net::IPAddress address = readBind(raw);
     settings.port = static_cast<unsigned short>(raw.number("port", 0, 65535));
+    settings.access = readAccess(raw, address);
     readMqtt(raw, settings.mqtt);
     settings.webHook.urls = raw.values("webhook.url");
     requireFile(raw, "webhook.ca.file");

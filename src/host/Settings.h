@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AccessSettings.h"
+
 #include "ktr/common/MqttClient.h"
 #include "ktr/common/WebApiBasic.h"
 #include "ktr/common/WebHookBasic.h"
@@ -65,6 +67,7 @@ struct Settings {
     std::string root;
     std::string bind;
     unsigned short port = 0;
+    AccessSettings access;
     MqttClient::Settings mqtt;
     WebHookBasic::Settings webHook;
     WebApiBasic::Limits limits;
