@@ -34,21 +34,14 @@ const Key* findFileKey(const std::string& name) {
     return key && key->isRepeatable ? key : nullptr;
 }
 
-/// Appends the names of all entries below `prefix`, those included that have entries below them.
-void collectNames(const Poco::Util::AbstractConfiguration& config, const std::string& prefix,
-                  std::vector<std::string>& names) {
-    Poco::Util::AbstractConfiguration::Keys below;
-    config.keys(prefix, below);
-    for (const std::string& part : below) {
-        std::string name = prefix;
-        if (!prefix.empty())
-            name += '.';
-        name += part;
-        if (config.has(name))
-            names.push_back(name);
-        collectNames(config, name, names);
-    }
-}
+/// Shows its entries one by one. Asked level by level for what lies below a key, Poco would find no
+/// end below one that begins with a dot.
+class Properties : public Poco::Util::PropertyFileConfiguration {
+public:
+    using MapConfiguration::begin;
+    using MapConfiguration::end;
+    using PropertyFileConfiguration::PropertyFileConfiguration;
+};
 
 std::string absolutePath(const std::string& path) {
     return path.empty() ? path : Poco::Path(path).makeAbsolute().toString();
@@ -185,13 +178,12 @@ void RawSettings::loadFile(const std::string& path) {
     try {
         if (!Poco::File(file).isFile())
             throw Poco::FileException("not a regular file");
-        const Poco::AutoPtr<Poco::Util::PropertyFileConfiguration> config(
-            new Poco::Util::PropertyFileConfiguration(file));
-        collectNames(*config, "", names);
-        std::sort(names.begin(), names.end());
-        for (const std::string& name : names)
+        const Poco::AutoPtr<Properties> properties(new Properties(file));
+        for (const auto& [name, value] : *properties) {
+            names.push_back(name);
             if (const Key* key = findFileKey(name))
-                fromFile[key->name].push_back(config->getRawString(name));
+                fromFile[key->name].push_back(value);
+        }
     } catch (const Poco::Exception& e) {
         throw StartError(ExitConfig, "cannot read the configuration file " + file + " (" +
                                          e.displayText() + "); name a readable one with --config");
