@@ -16,7 +16,7 @@ using namespace ktr::fuzz;
 using namespace ktr::host;
 
 void checkRanges(const Settings& settings) {
-    require(settings.root.front() == '/', "the root is an absolute path");
+    require(settings.root.empty() || settings.root.front() == '/', "a root is an absolute path");
     require(settings.limits.connections >= 1, "somebody can connect");
     require(settings.limits.bodyBytes >= 1024, "a body may hold a report");
     require(settings.shutdownTimeout >= 1, "a shutdown ends");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 
@@ -22,11 +23,19 @@ enum ExitCode : int {
 /// Ends the start-up. The text is the one line for the operator: the cause and the remedy.
 class StartError : public std::runtime_error {
 public:
-    StartError(ExitCode code_, const std::string& line) : std::runtime_error(line), code(code_) {}
+    StartError(ExitCode code_, const std::string& line)
+        : std::runtime_error(printable(line)), code(code_) {}
 
     ExitCode exitCode() const { return code; }
 
 private:
+    /// A quoted value may hold line breaks and what terminals take for commands.
+    static std::string printable(std::string line) {
+        const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+        std::replace_if(line.begin(), line.end(), isControl, '?');
+        return line;
+    }
+
     ExitCode code;
 };
 

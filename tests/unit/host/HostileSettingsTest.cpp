@@ -10,8 +10,10 @@
 namespace ktr::host {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 class HostileSettingsTest : public testing::Test {
 protected:
@@ -56,6 +58,13 @@ TEST_F(HostileSettingsTest, TakesTheValuesOfARepeatedKeyInTheOrderOfTheirNames) 
     const RawSettings raw =
         load("webhook.url.2 = http://c\nwebhook.url = http://a\nwebhook.url.10 = http://b\n");
     EXPECT_THAT(raw.values("webhook.url"), ElementsAre("http://a", "http://b", "http://c"));
+}
+
+// A value can hold line breaks, by which the one line for the operator became several.
+TEST_F(HostileSettingsTest, ComplainsInOneLine) {
+    EXPECT_THAT(complaintAbout("port = 1\\n2\x1b[2J\n"),
+                AllOf(HasSubstr("not '1?2?[2J'"), Not(HasSubstr("\n"))));
+    EXPECT_THAT(complaintAbout("a\x7f = 1\n"), HasSubstr("unknown key 'a?'"));
 }
 
 } // namespace
