@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <poll.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <utility>
 
@@ -27,6 +28,10 @@ constexpr unsigned char kTlsHandshake = 0x16;
 
 bool wouldBlock(int code) {
     return code == EAGAIN || code == EINTR;
+}
+
+HttpFault malformedHeader() {
+    return {HTTPResponse::HTTP_BAD_REQUEST, "the header is malformed"};
 }
 
 std::chrono::microseconds duration(const Poco::Timespan& span) {
@@ -91,10 +96,11 @@ bool ClientSocket::awaitRequest() {
     return connections->enter(sockfd(), OpenConnections::Phase::idle);
 }
 
-bool ClientSocket::readHeader(std::size_t buffered) {
+bool ClientSocket::readHeader() {
     inHeader = true;
-    begun = buffered > 0;
-    headerLeft = limits.headerBytes - std::min(buffered, limits.headerBytes);
+    header = {};
+    begun = false;
+    headerLeft = limits.headerBytes;
     deadline = Clock::now() + duration(limits.headerTime);
     return connections->enter(sockfd(), OpenConnections::Phase::reading);
 }
@@ -145,22 +151,42 @@ int ClientSocket::receiveUntil(Clock::time_point end, void* buffer, int length) 
     return -1;
 }
 
+int ClientSocket::takeAhead(void* buffer, int length) {
+    const std::size_t taken =
+        ahead.copy(static_cast<char*>(buffer), static_cast<std::size_t>(length));
+    ahead.erase(0, taken);
+    return static_cast<int>(taken);
+}
+
+/// How many of the received bytes are the header's; the others are kept for later.
+int ClientSocket::keepHeader(const char* data, int size) {
+    const std::string_view got(data, static_cast<std::size_t>(size));
+    const std::size_t own = header.find(got);
+    ahead.insert(0, got.substr(own));
+    // Poco takes it for the end of the stream, and what follows it for the next request
+    if (got.substr(0, own).find('\xff') != std::string_view::npos)
+        throw malformedHeader();
+    headerLeft -= own;
+    return static_cast<int>(own);
+}
+
 int ClientSocket::receiveBytes(void* buffer, int length, int /*flags*/) {
+    if (inHeader && header.isReached())
+        throw malformedHeader();
     if (inHeader && headerLeft == 0)
         throw HttpFault(HTTPResponse::HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE,
                         "the header is larger than " + std::to_string(limits.headerBytes) +
                             " bytes");
     if (inHeader)
         length = static_cast<int>(std::min(static_cast<std::size_t>(length), headerLeft));
-    const int got = receiveUntil(deadline, buffer, length);
+    const int got =
+        ahead.empty() ? receiveUntil(deadline, buffer, length) : takeAhead(buffer, length);
     if (got < 0)
         throw HttpFault(HTTPResponse::HTTP_REQUEST_TIMEOUT, "the request takes too long");
     if (got == 0 && begun)
         throw HttpFault(HTTPResponse::HTTP_BAD_REQUEST, "the request ends too early");
     begun = begun || got > 0;
-    if (inHeader)
-        headerLeft -= static_cast<std::size_t>(got);
-    return got;
+    return inHeader ? keepHeader(static_cast<const char*>(buffer), got) : got;
 }
 
 int ClientSocket::sendBytes(const void* buffer, int length, int flags) {
@@ -189,7 +215,7 @@ int ClientSocket::sendBytes(const void* buffer, int length, int flags) {
 
 bool ClientSocket::poll(const Poco::Timespan& timeout, int mode) {
     const bool forWriting = (mode & SELECT_WRITE) != 0;
-    if (!forWriting && tls && tls->pending())
+    if (!forWriting && (!ahead.empty() || (tls && tls->pending())))
         return true;
     const short events = forWriting ? POLLOUT : POLLIN;
     return waitForSocket(sockfd(), events, duration(timeout));

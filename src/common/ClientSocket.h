@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HeaderEnd.h"
 #include "OpenConnections.h"
 #include "TlsStream.h"
 
@@ -11,6 +12,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace ktr {
 
@@ -40,8 +42,7 @@ public:
 
     // what comes next; false when the connection is to end instead
     bool awaitRequest();
-    /// `buffered` bytes of the header have been received already.
-    bool readHeader(std::size_t buffered);
+    bool readHeader();
     bool readBody();
     bool answer();
 
@@ -55,7 +56,8 @@ public:
 
     using StreamSocketImpl::receiveBytes;
     using StreamSocketImpl::sendBytes;
-    /// Throws HttpFault when the client is over its time, over its bytes, or breaks off.
+    /// Throws HttpFault when the client is over its time, over its bytes, or breaks off. Of a
+    /// header it gives no byte beyond its end: who reads on takes it to end elsewhere.
     int receiveBytes(void* buffer, int length, int flags) override;
     int sendBytes(const void* buffer, int length, int flags) override;
     /// Unlike Poco's without a descriptor of its own.
@@ -71,6 +73,8 @@ private:
     Attempt receiveNow(void* buffer, int length);
     Attempt sendNow(const void* buffer, std::size_t length, int flags);
     int receiveUntil(Clock::time_point end, void* buffer, int length);
+    int takeAhead(void* buffer, int length);
+    int keepHeader(const char* data, int size);
 
     const Poco::Net::SocketAddress client;
     const std::shared_ptr<OpenConnections> connections;
@@ -81,6 +85,9 @@ private:
     /// What may still be received of the header.
     std::size_t headerLeft = 0;
     bool inHeader = false;
+    HeaderEnd header;
+    /// What was received together with a header, but belongs to what follows it.
+    std::string ahead;
     /// Whether a part of the request has come.
     bool begun = false;
     /// Whether the client was given up in the middle of an answer.

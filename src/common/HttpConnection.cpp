@@ -142,12 +142,14 @@ bool HttpConnection::secure() {
 bool HttpConnection::serveOne(Session& session) {
     subject = "a request";
     try {
-        if (!client.readHeader(static_cast<std::size_t>(session.buffered())) ||
-            !session.skipLineBreaks())
+        if (!client.readHeader() || !session.skipLineBreaks())
             return false;
         HttpResponse response(session);
         HttpRequest request(response, session, *params);
         subject = printable(request.getMethod() + " " + request.getURI());
+        // the socket gives the header and no more: Poco has taken it to end before its empty line
+        if (session.buffered() > 0)
+            throw HttpFault(HTTPResponse::HTTP_BAD_REQUEST, "a header line is malformed");
         request.check();
         authorize(request);
         response.setVersion(request.getVersion());
