@@ -102,11 +102,28 @@ TEST_F(HostileInputTest, TakesEveryByteInABodyAndTheRequestsBehindIt) {
 
 TEST_F(HostileInputTest, ServesRequestsThatComeByteByByte) {
     const std::string request = "POST /echo HTTP/1.1\nContent-Length: 4\n\n\n\xff\r\n";
+    std::string all = request;
+    all += "\r\n";
+    all += request;
     RawClient client(address);
-    for (const char byte : request + "\r\n" + request)
+    for (const char byte : all)
         client.send(std::string(1, byte));
     for (int answers = 0; answers < 2; ++answers)
         EXPECT_THAT(client.answer(), AllOf(StartsWith("HTTP/1.1 200"), HasSubstr("\n\xff\r\n")));
+}
+
+// The parser goes one call deeper with each level: without a bound, the server's stack would be
+// full long before the end of these.
+TEST_F(HostileInputTest, RefusesJsonNestedSoDeepThatItWouldFillTheStack) {
+    for (const char* level : {"[", "{\"a\":"}) {
+        std::string body = "{\"a\":";
+        for (int depth = 0; depth < 100'000; ++depth)
+            body += level;
+        RawClient client(address);
+        client.send("POST /echo HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: " +
+                    std::to_string(body.size()) + "\r\n\r\n" + body);
+        EXPECT_THAT(client.answer(), AllOf(StartsWith("HTTP/1.1 400"), HasSubstr("depth")));
+    }
 }
 
 } // namespace
