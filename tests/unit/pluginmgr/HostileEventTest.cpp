@@ -4,7 +4,6 @@ namespace ktr {
 namespace {
 
 using namespace test;
-using testing::HasSubstr;
 using testing::SizeIs;
 
 std::string repeat(const std::string& part, int times) {
