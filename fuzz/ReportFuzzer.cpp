@@ -22,12 +22,12 @@ constexpr const char* kRoute = "/index/api/all/report";
 constexpr const char* kGood = "GET /index/api/all/report?ip=127.0.0.1&port=1&type=0&guid=good "
                               "HTTP/1.0\r\n\r\n";
 
-/// Low, so that short inputs reach them.
-WebApiBasic::Limits limits() {
-    WebApiBasic::Limits low;
-    low.headerBytes = 1024;
-    low.bodyBytes = 1024;
-    return low;
+/// Plain HTTP for everybody, with limits that short inputs reach.
+ServerSettings settings() {
+    ServerSettings open;
+    open.limits.headerBytes = 1024;
+    open.limits.bodyBytes = 1024;
+    return open;
 }
 
 void addRoute(RouteTable& routes) {
@@ -69,13 +69,15 @@ std::string receiveAll(int descriptor) {
     return all;
 }
 
-std::string serve(RouteTable& routes, const std::string& bytes) {
+std::string serve(HttpConnection::Server& host, const std::string& bytes) {
     static const auto connections = std::make_shared<OpenConnections>(1);
     const auto [client, server] = makePair();
     sendAll(client, bytes);
     {
-        const Poco::Net::StreamSocket socket(new ClientSocket(server, connections, limits()));
-        HttpConnection(socket, routes, limits()).run();
+        const Poco::Net::StreamSocket socket(
+            new ClientSocket(server, Poco::Net::SocketAddress("127.0.0.1", 40'000), connections,
+                             host.settings.limits));
+        HttpConnection(socket, host).run();
     }
     std::string answers = receiveAll(client);
     close(client);
@@ -88,11 +90,13 @@ std::string serve(RouteTable& routes, const std::string& bytes) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace ktr::fuzz;
     static ktr::RouteTable routes;
+    static ktr::HttpConnection::Server host{routes, settings(), ktr::BoundedLog(),
+                                            ktr::BoundedLog()};
     [[maybe_unused]] static const bool isSetUp = (muteLog(), addRoute(routes), true);
-    const std::string answers = serve(routes, text(data, size));
+    const std::string answers = serve(host, text(data, size));
     require(answers.empty() || answers.rfind("HTTP/1.", 0) == 0,
             "what is answered begins as an answer does");
-    const std::string good = serve(routes, kGood);
+    const std::string good = serve(host, kGood);
     require(good.rfind("HTTP/1.0 200 OK", 0) == 0 &&
                 good.find(R"({"code":0,"msg":"success"})") != std::string::npos,
             "a good report after it is accepted");
