@@ -1,6 +1,7 @@
 #pragma once
 
-#include <algorithm>
+#include "Printable.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -29,13 +30,6 @@ public:
     ExitCode exitCode() const { return code; }
 
 private:
-    /// A quoted value may hold line breaks and what terminals take for commands.
-    static std::string printable(std::string line) {
-        const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
-        std::replace_if(line.begin(), line.end(), isControl, '?');
-        return line;
-    }
-
     ExitCode code;
 };
 

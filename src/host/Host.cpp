@@ -1,6 +1,7 @@
 #include "Host.h"
 
 #include "ExitCode.h"
+#include "StrictModes.h"
 #include "Temperature.h"
 
 #include "ktr/MSManager.h"
@@ -166,9 +167,9 @@ void Host::startUp() {
         {"enter root", [this] { enterRoot(settings); }},
         {"bind", [this] { bind(); }},
         {"make event pools", makeEventPools},
-        {"load plugins", PluginLoadAll},
-        {"start services",
-         [this] { MSManager::instance().start(address.host().toString(), address.port()); }},
+        {"check trees", [this] { checkTrees(); }},
+        {"load plugins", [this] { loadPlugins(); }},
+        {"start services", [this] { startServices(); }},
         {"connect mqtt", [this] { mqttClient->connect(); }},
         {"install plugin api", [this] { PluginInstallApi(webApi, mqttClient); }},
         {"serve", [this] { webApi->serve(); }},
@@ -222,6 +223,23 @@ void Host::bind() {
                                          std::to_string(settings.port) + " (" + e.displayText() +
                                          "); " + bindRemedy(e.code()));
     }
+}
+
+// Both before the first plugin runs, which could change what is found.
+void Host::checkTrees() {
+    StrictModes strictModes(settings);
+    mayLoadPlugins = strictModes.mayUse("plugins", "is not loaded");
+    mayStartServices = strictModes.mayUse("microservices", "is not started, nor a report taken");
+}
+
+void Host::loadPlugins() const {
+    if (mayLoadPlugins)
+        PluginLoadAll();
+}
+
+void Host::startServices() const {
+    if (mayStartServices)
+        MSManager::instance().start(address.host().toString(), address.port());
 }
 
 void Host::tellReady() {

@@ -34,6 +34,9 @@ private:
     void startUp();
     void shutDown();
     void bind();
+    void checkTrees();
+    void loadPlugins() const;
+    void startServices() const;
     void tellReady();
     void stopWebHook();
 
@@ -42,6 +45,8 @@ private:
     const std::shared_ptr<WebApiBasic> webApi;
     const std::shared_ptr<MqttClient> mqttClient;
     Poco::Net::SocketAddress address;
+    bool mayLoadPlugins = false;
+    bool mayStartServices = false;
 };
 
 } // namespace ktr::host

@@ -50,11 +50,14 @@ int HostApplication::runWith(int argc, char** argv) {
 void HostApplication::defineOptions(Poco::Util::OptionSet& options) {
     using Poco::Util::Option;
     options.addOption(Option("config", "", "configuration file, see below").argument("FILE"));
-    for (const Key& key : allKeys())
-        if (key.isOption)
-            options.addOption(Option(optionName(key.name), "", helpFor(key))
-                                  .argument(key.argument)
-                                  .repeatable(key.isRepeatable));
+    for (const Key& key : allKeys()) {
+        if (!key.isOption)
+            continue;
+        Option option(optionName(key.name), "", helpFor(key));
+        if (key.argument[0] != '\0')
+            option.argument(key.argument);
+        options.addOption(option.repeatable(key.isRepeatable));
+    }
     options.addOption(Option("version", "", "print the version and end"));
     options.addOption(Option("help", "h", "print this and end"));
 }
@@ -128,7 +131,8 @@ int HostApplication::printHelp() const {
     std::cout << "\nThe configuration file holds lines KEY = VALUE; # begins a comment. An option "
                  "goes before the\nfile, the file before the default. Each option but the last two "
                  "and --config is a key as well, with\ndots for dashes (mqtt.url); a repeatable "
-                 "one as webhook.url.1, webhook.url.2 ... Further keys:\n\n";
+                 "one as webhook.url.1, webhook.url.2 ..., one without an argument as true or "
+                 "false. Further keys:\n\n";
     for (const Key& key : allKeys())
         if (!key.isOption)
             std::cout << "  " << std::left << std::setw(32)

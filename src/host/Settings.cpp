@@ -113,6 +113,10 @@ const std::vector<Key>& allKeys() {
     static const std::vector<Key> keys{
         {"root", "DIR", "directory with plugins/ and microservices/; becomes the current directory",
          ".", true, false},
+        {"no.strict.modes", "",
+         "only warn of what others than root and the host's user could change in plugins/ or "
+         "microservices/, instead of leaving that tree out",
+         "", true, false},
         {"bind", "IP", "address to serve HTTP on", "127.0.0.1", true, false},
         {"port", "NUMBER", "port to serve HTTP on; 0 picks a free one", "8080", true, false},
         {"allow", "NETWORK",
@@ -169,7 +173,10 @@ std::string optionName(const std::string& key) {
 }
 
 void RawSettings::addOption(const std::string& option, const std::string& value) {
-    fromCommandLine[Poco::translate(option, "-", ".")].push_back(value);
+    const std::string name = Poco::translate(option, "-", ".");
+    const Key* key = findKey(name);
+    const bool isSwitch = key && key->argument[0] == '\0';
+    fromCommandLine[name].push_back(isSwitch ? "true" : value);
 }
 
 void RawSettings::loadFile(const std::string& path) {
@@ -216,6 +223,15 @@ int RawSettings::number(const std::string& key, int least, int most) const {
     return number;
 }
 
+bool RawSettings::isOn(const std::string& key) const {
+    const std::vector<std::string> all = values(key);
+    if (all.empty() || all.front() == "false")
+        return false;
+    if (all.front() != "true")
+        reject(key, "must be true or false, not '" + all.front() + "'");
+    return true;
+}
+
 std::string RawSettings::path(const std::string& key) const {
     return absolutePath(value(key));
 }
@@ -232,6 +248,7 @@ Settings readSettings(const RawSettings& raw) {
     Settings settings;
     settings.raw = raw;
     settings.root = raw.path("root");
+    settings.strictModes = !raw.isOn("no.strict.modes");
     settings.bind = raw.value("bind");
     const Poco::Net::IPAddress address = readBind(raw);
     settings.port = static_cast<unsigned short>(raw.number("port", 0, 65535));

@@ -15,7 +15,8 @@ namespace ktr::host {
 /// One thing that can be set. The option of a key bears its name with dashes for dots.
 struct Key {
     const char* name;
-    /// What the value is, as --help shows it.
+    /// What the value is, as --help shows it; empty for a switch: the option has no value, in the
+    /// file it is true or false.
     const char* argument;
     const char* help;
     /// The value in force when nobody sets it; empty for none.
@@ -36,7 +37,7 @@ std::string optionName(const std::string& key);
 /// the file, then the default.
 class RawSettings {
 public:
-    /// Notes `--option value`.
+    /// Notes `--option value`; a switch bears no value.
     void addOption(const std::string& option, const std::string& value);
 
     /// Reads a file in Poco's properties format ("key = value" lines, # begins a comment). Throws
@@ -49,6 +50,8 @@ public:
     std::string value(const std::string& key) const;
     /// As a whole number in [least, most]; throws StartError for anything else.
     int number(const std::string& key, int least, int most) const;
+    /// Whether the switch is on; throws StartError for anything but true and false.
+    bool isOn(const std::string& key) const;
     /// As an absolute path, taken from the current directory; empty if the key has no value.
     std::string path(const std::string& key) const;
 
@@ -65,6 +68,8 @@ private:
 /// What the host runs on. Paths are absolute.
 struct Settings {
     std::string root;
+    /// Whether a tree that others could change is left out.
+    bool strictModes = true;
     std::string bind;
     unsigned short port = 0;
     AccessSettings access;
