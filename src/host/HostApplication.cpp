@@ -131,8 +131,8 @@ int HostApplication::printHelp() const {
     std::cout << "\nThe configuration file holds lines KEY = VALUE; # begins a comment. An option "
                  "goes before the\nfile, the file before the default. Each option but the last two "
                  "and --config is a key as well, with\ndots for dashes (mqtt.url); a repeatable "
-                 "one as webhook.url.1, webhook.url.2 ..., one without an argument as true or "
-                 "false. Further keys:\n\n";
+                 "one as webhook.url.1, webhook.url.2 ..., one without an\nargument "
+                 "as true or false. Further keys:\n\n";
     for (const Key& key : allKeys())
         if (!key.isOption)
             std::cout << "  " << std::left << std::setw(32)

@@ -11,7 +11,7 @@ namespace fs = std::filesystem;
 
 TEST(Readme, ItsPluginStartsWhenItsServiceReports) {
     test::DeviceRoot root;
-    fs::copy_file(KETRA_README_PLUGIN, root.plugins() / "libKetraPluginHello.so");
+    test::install(KETRA_README_PLUGIN, root.plugins() / "libKetraPluginHello.so");
     // a name that nothing else on the machine bears
     const fs::path service = root.services() / root.addService();
     fs::remove(service);

@@ -18,6 +18,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,12 +70,23 @@ inline std::vector<pid_t> processesBelow(const std::filesystem::path& folder) {
     return found;
 }
 
+/// Copies a plugin or service to where a host may use it: built under whatever umask, it is
+/// writable by its owner alone there.
+inline void install(const std::filesystem::path& program, const std::filesystem::path& to) {
+    using std::filesystem::perms;
+    std::filesystem::copy_file(program, to);
+    std::filesystem::permissions(to, perms::group_write | perms::others_write,
+                                 std::filesystem::perm_options::remove);
+}
+
 /// A device's root in a temporary folder, with puppets as plugins and services
 /// (tests/fixtures/host). The names of the services are unique on this machine, since a host ends
 /// by name what is left of them.
 class DeviceRoot {
 public:
     DeviceRoot() {
+        // also for what the test and its host write there later
+        umask(022);
         for (const auto& part : {plugins(), services(), notes()})
             std::filesystem::create_directories(part);
     }
@@ -94,8 +106,7 @@ public:
     std::filesystem::path notes() const { return folder / "notes"; }
 
     void addPlugin(const std::string& guid, const std::string& conf = "") const {
-        std::filesystem::copy_file(KETRA_PUPPET_PLUGIN,
-                                   plugins() / ("libKetraPluginPuppet-" + guid + ".so"));
+        install(KETRA_PUPPET_PLUGIN, plugins() / ("libKetraPluginPuppet-" + guid + ".so"));
         std::ofstream(plugins() / (guid + ".conf")) << conf;
     }
 
@@ -112,7 +123,7 @@ public:
         std::string name = "ketra-test-" + randomText() + "-puppet";
         std::ofstream(services() / (name + ".conf"))
             << conf << "\nout=" << notes().string() << "\n";
-        std::filesystem::copy_file(KETRA_PUPPET_SERVICE, services() / name);
+        install(KETRA_PUPPET_SERVICE, services() / name);
         return name;
     }
 

@@ -37,9 +37,9 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndKeyAndExitCode) {
     HostProcess host({"--help"});
     EXPECT_EQ(host.waitForExit(), 0);
     for (const char* part :
-         {"--root", "--bind", "--port", "--mqtt-url", "--webhook-url", "--log-level", "--log-file",
-          "--temperature-period", "--shutdown-timeout", "--config", "--version", "--help",
-          "mqtt.password.file", "log.rotation", "64", "71", "75", "78"})
+         {"--root", "--no-strict-modes", "--bind", "--port", "--mqtt-url", "--webhook-url",
+          "--log-level", "--log-file", "--temperature-period", "--shutdown-timeout", "--config",
+          "--version", "--help", "mqtt.password.file", "log.rotation", "64", "71", "75", "78"})
         EXPECT_THAT(host.out(), HasSubstr(part));
     EXPECT_EQ(countOf(host.out(), "--daemon"), 0);
     EXPECT_EQ(host.err(), "");
@@ -55,6 +55,7 @@ TEST_F(CommandLineTest, RefusesABadOptionWith64) {
     const std::vector<std::pair<std::string, std::string>> cases{
         {"--prot=8080", "prot"},
         {"--daemon", "daemon"},
+        {"--no-strict-modes=yes", "no-strict-modes"},
         {"--port", "port"},
         {"--port=http", "--port"},
         {"--port=65536", "65535"},
@@ -99,6 +100,7 @@ TEST_F(CommandLineTest, RefusesABadConfigurationFileWith78) {
         {"mqtt.pasword = x\n", "unknown key 'mqtt.pasword'"},
         {"port.1 = 0\n", "unknown key 'port.1'"},
         {"just words\n", "unknown key 'just words'"},
+        {"no.strict.modes = maybe\n", "key 'no.strict.modes'"},
         {"shutdown.timeout = soon\n", "key 'shutdown.timeout'"},
         {"log.rotation = sometimes\nlog.file = " + (root.notes() / "log").string() + "\n",
          "key 'log.rotation'"},

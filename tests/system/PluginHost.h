@@ -25,9 +25,7 @@ protected:
         return root.plugins() / fixture(name).filename();
     }
 
-    void addFixture(const std::string& name) const {
-        std::filesystem::copy_file(fixture(name), pathOf(name));
-    }
+    void addFixture(const std::string& name) const { install(fixture(name), pathOf(name)); }
 
     void startHost(const std::vector<std::string>& options = {}) {
         host.emplace(root, options);

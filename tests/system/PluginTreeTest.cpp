@@ -27,7 +27,7 @@ protected:
     }
 
     std::filesystem::path put(const std::string& name, const std::filesystem::path& below) const {
-        std::filesystem::copy_file(fixture(name), place(below));
+        install(fixture(name), place(below));
         return place(below);
     }
 
@@ -70,7 +70,7 @@ TEST_F(PluginTreeTest, LoadsALibraryOnceHoweverManyNamesLeadToIt) {
                                     root.plugins() / "libKetraPluginA.so.1");
     std::filesystem::create_symlink("libKetraPluginA.so.1", root.plugins() / "libKetraPluginA.so");
     const auto outside = root.notes() / "store.so.3";
-    std::filesystem::copy_file(fixture("NoName"), outside);
+    install(fixture("NoName"), outside);
     std::filesystem::create_symlink(outside, root.plugins() / "libKetraPluginB.so");
     startHost();
     EXPECT_THAT(loaded(), ElementsAre(root.plugins() / "libKetraPluginA.so",

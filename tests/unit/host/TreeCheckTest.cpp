@@ -210,7 +210,7 @@ TEST_F(TreeCheckTest, findsAStickyFolderThatIsTheRootOrInsideIt) {
     }
 }
 
-TEST_F(TreeCheckTest, findsASafeLookingTreeOfAnUnsafeRootThatIsMissing) {
+TEST_F(TreeCheckTest, findsAnUnsafeRootThoughTheTreeIsMissing) {
     fs::remove_all(tree());
     setMode(root(), 01777);
     EXPECT_THAT(violations(), ElementsAre(HasSubstr("above/root can be written by everybody")));
