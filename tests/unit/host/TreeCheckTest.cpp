@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -75,7 +76,7 @@ protected:
         EXPECT_EQ(findings.safe, findings.violations.empty());
         std::vector<std::string> lines;
         for (const auto& [path, fault, remedy] : findings.violations)
-            lines.push_back(shortened(path + " " + fault + "; " + remedy));
+            lines.push_back(shortened(path).append(" " + fault + "; ").append(shortened(remedy)));
         return lines;
     }
 
@@ -224,11 +225,11 @@ struct AccessList {
         std::uint32_t id;
     };
     std::uint32_t version = 2;
-    Line lines[5] = {{0x01, 6, UINT32_MAX},
-                     {0x02, 6, kStranger},
-                     {0x04, 4, UINT32_MAX},
-                     {0x10, 6, UINT32_MAX},
-                     {0x20, 4, UINT32_MAX}};
+    std::array<Line, 5> lines{{{0x01, 6, UINT32_MAX},
+                               {0x02, 6, kStranger},
+                               {0x04, 4, UINT32_MAX},
+                               {0x10, 6, UINT32_MAX},
+                               {0x20, 4, UINT32_MAX}}};
 };
 
 TEST_F(TreeCheckTest, findsWhatAnAccessControlListLetsAnotherUserWrite) {
