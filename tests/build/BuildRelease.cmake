@@ -1,0 +1,8 @@
+# cmake -DSOURCE=folder -P BuildRelease.cmake
+# Builds what is shipped in the preset's own folder.
+execute_process(COMMAND ${CMAKE_COMMAND} --preset release
+  WORKING_DIRECTORY ${SOURCE} COMMAND_ERROR_IS_FATAL ANY)
+execute_process(
+  COMMAND ${CMAKE_COMMAND} --build --preset release
+    --target KetraCommon KetraPlugins ketra-host
+  WORKING_DIRECTORY ${SOURCE} COMMAND_ERROR_IS_FATAL ANY)
