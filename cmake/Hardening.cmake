@@ -14,6 +14,8 @@ add_library(ketra_hardening INTERFACE)
 target_link_options(ketra_hardening INTERFACE
   -Wl,-z,relro,-z,now -Wl,-z,noexecstack)
 
+# clang only warns of a flag that is another processor's
+set(CMAKE_REQUIRED_FLAGS -Werror)
 foreach(flag -fstack-protector-strong -fstack-clash-protection
              -fcf-protection=full -mbranch-protection=standard)
   string(MAKE_C_IDENTIFIER "KETRA_HAS${flag}" known)
@@ -22,6 +24,7 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection
     target_compile_options(ketra_hardening INTERFACE ${flag})
   endif()
 endforeach()
+unset(CMAKE_REQUIRED_FLAGS)
 
 # The C library's checks need an optimiser, and warn where there is none. Presets ask for one by
 # CMAKE_CXX_FLAGS, in the configuration that has no name. Sanitizers have checks of their own, which
