@@ -1,6 +1,7 @@
 #include "TokenFile.h"
 
 #include "ExitCode.h"
+#include "ShellCommand.h"
 
 #include <Poco/String.h>
 
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,17 +44,21 @@ private:
     const int number;
 };
 
+std::string remedy(const std::string& command, const std::string& path) {
+    return "; mend it with: " + shellCommand(command, std::filesystem::absolute(path).string());
+}
+
 void checkOwner(const std::string& path, const struct stat& status) {
     if (status.st_uid == 0 || status.st_uid == ::geteuid())
         return;
-    const std::string user = std::to_string(::geteuid());
     reject(path, "belongs to user " + std::to_string(status.st_uid) +
-                     ", not to root or the host's user; mend it with: chown " + user + " " + path);
+                     ", not to root or the host's user" +
+                     remedy("chown " + std::to_string(::geteuid()), path));
 }
 
 void checkMode(const std::string& path, const struct stat& status) {
     if ((status.st_mode & (S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH)) != 0)
-        reject(path, "can be read or written by others; mend it with: chmod 600 " + path);
+        reject(path, "can be read or written by others" + remedy("chmod 600", path));
 }
 
 } // namespace

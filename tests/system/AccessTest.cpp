@@ -128,6 +128,11 @@ TEST_F(AccessTest, RefusesATokenFileThatOthersCouldReadOrChange) {
         HostProcess host(root, {"--api-token-file=" + path});
         expectRefusal(host, 78, {path, "chmod 600 " + path});
     }
+    const std::string spaced = writeFile("a token", kToken + "\n", 0640);
+    {
+        HostProcess host(root, {"--api-token-file=" + spaced});
+        expectRefusal(host, 78, {"chmod 600 '" + spaced + "'"});
+    }
     const std::string path = tokenFile();
     const std::string link = root.notes() / "link";
     std::filesystem::create_symlink(path, link);
