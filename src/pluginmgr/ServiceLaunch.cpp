@@ -32,6 +32,20 @@ void readFromNull() {
     }
 }
 
+/// The service would take the first files that it opens for its outputs.
+void replaceLostOutputs() {
+    for (const int output : {STDOUT_FILENO, STDERR_FILENO}) {
+        const int flags = fcntl(output, F_GETFD);
+        if (flags >= 0 && (flags & FD_CLOEXEC) == 0)
+            continue;
+        const int null = open("/dev/null", O_WRONLY);
+        if (null < 0 || null == output)
+            continue;
+        dup2(null, output);
+        close(null);
+    }
+}
+
 // Runs in the child between fork and exec: only async-signal-safe calls.
 void prepareChild() {
     if (!launching)
@@ -39,6 +53,7 @@ void prepareChild() {
     setpgid(0, 0);
     resetSignals();
     readFromNull();
+    replaceLostOutputs();
 }
 
 struct Launching {

@@ -79,6 +79,35 @@ TEST_F(ServiceLaunchDeathTest, KeepsNoSecondDescriptorOfItsInput) {
         testing::ExitedWithCode(0), "");
 }
 
+// What a service printed went into the first file that it opened.
+TEST_F(ServiceLaunchDeathTest, ReplacesOutputsThatTheHostLost) {
+    EXPECT_EXIT(
+        {
+            close(STDOUT_FILENO);
+            fcntl(STDERR_FILENO, F_SETFD, FD_CLOEXEC);
+            launching = true;
+            prepareChild();
+            bool replaced = true;
+            for (const char* output : {"/proc/self/fd/1", "/proc/self/fd/2"})
+                replaced = replaced && std::filesystem::read_symlink(output) == "/dev/null";
+            end(replaced && fcntl(STDERR_FILENO, F_GETFD) == 0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ServiceLaunchDeathTest, KeepsTheOutputsOfTheHost) {
+    EXPECT_EXIT(
+        {
+            int pipe[2]{};
+            end(::pipe(pipe) == 0 && dup2(pipe[1], STDOUT_FILENO) == STDOUT_FILENO && [] {
+                launching = true;
+                prepareChild();
+                return std::filesystem::read_symlink("/proc/self/fd/1") != "/dev/null";
+            }());
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST_F(ServiceLaunchDeathTest, LeavesOtherChildrenAsTheyAre) {
     EXPECT_EXIT(
         {
