@@ -232,9 +232,16 @@ void Host::checkTrees() {
     mayStartServices = strictModes.mayUse("microservices", "is not started, nor a report taken");
 }
 
+/// What plugins do to the whole process while they load is undone where it would harm others.
 void Host::loadPlugins() const {
-    if (mayLoadPlugins)
+    if (!mayLoadPlugins)
+        return;
+    {
+        const KeepStandardDescriptors keep;
         PluginLoadAll();
+    }
+    // the services are looked for below the current directory
+    enterRoot(settings);
 }
 
 void Host::startServices() const {

@@ -46,4 +46,19 @@ KeepCrashHandlers::~KeepCrashHandlers() {
         sigaction(signals[i], &kept[i], nullptr);
 }
 
+KeepStandardDescriptors::KeepStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        kept.at(static_cast<std::size_t>(fd)) = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+
+KeepStandardDescriptors::~KeepStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        const int copy = kept.at(static_cast<std::size_t>(fd));
+        if (copy >= 0 && fcntl(fd, F_GETFD) < 0)
+            dup2(copy, fd);
+        if (copy >= 0)
+            close(copy);
+    }
+}
+
 } // namespace ktr::host

@@ -26,4 +26,19 @@ private:
     std::array<struct sigaction, signals.size()> kept{};
 };
 
+/// Puts back at its end what standard descriptors were closed while it lived: a socket or a file of
+/// somebody else would take their place and get what is meant for them. What somebody opened there
+/// stays.
+class KeepStandardDescriptors {
+public:
+    KeepStandardDescriptors();
+    ~KeepStandardDescriptors();
+    KeepStandardDescriptors(const KeepStandardDescriptors&) = delete;
+    KeepStandardDescriptors& operator=(const KeepStandardDescriptors&) = delete;
+
+private:
+    /// Copies of 0, 1 and 2; -1 where there was nothing to copy.
+    std::array<int, 3> kept{};
+};
+
 } // namespace ktr::host
