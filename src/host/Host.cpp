@@ -1,6 +1,8 @@
 #include "Host.h"
 
 #include "ExitCode.h"
+#include "ExitGuard.h"
+#include "ProcessSetup.h"
 #include "StrictModes.h"
 #include "Temperature.h"
 
@@ -88,6 +90,12 @@ void makeEventPools() {
     publishMsgToAllPlugin(event);
 }
 
+/// From here on plugins start on the default pool, whose end waits for them.
+void guardDefaultPool() {
+    ThreadPool::defaultPool();
+    ExitGuard::goFirst();
+}
+
 std::string bindRemedy(int error) {
     switch (error) {
     case EADDRINUSE:
@@ -169,6 +177,7 @@ void Host::startUp() {
         {"make event pools", makeEventPools},
         {"check trees", [this] { checkTrees(); }},
         {"load plugins", [this] { loadPlugins(); }},
+        {"guard the default pool", guardDefaultPool},
         {"start services", [this] { startServices(); }},
         {"connect mqtt", [this] { mqttClient->connect(); }},
         {"install plugin api", [this] { PluginInstallApi(webApi, mqttClient); }},

@@ -1,6 +1,7 @@
 #include "HostApplication.h"
 
 #include "ExitCode.h"
+#include "ExitGuard.h"
 #include "Host.h"
 #include "HostLog.h"
 #include "StopControl.h"
@@ -103,6 +104,7 @@ void HostApplication::runHost(const std::vector<std::string>& arguments) {
     setUpLog(settings);
     StopControl& stop =
         StopControl::install(stopSignals, std::chrono::seconds(settings.shutdownTimeout));
+    const ExitGuard guard;
     try {
         Host(settings, stop).run();
     } catch (const StartError& e) {

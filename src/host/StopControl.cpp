@@ -1,16 +1,12 @@
 #include "StopControl.h"
 
-#include "ChildProcesses.h"
+#include "EmergencyEnd.h"
 #include "ExitCode.h"
-
-#include "ktr/common/Logger.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <future>
-#include <memory>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -26,30 +22,6 @@ int checked(int fd, const char* what) {
     if (fd < 0)
         throw std::system_error(errno, std::generic_category(), what);
     return fd;
-}
-
-/// Writes without the locks of the streams, which a hanging thread may hold.
-void writeToStandardError(const std::string& text) {
-    const std::string line = "ketra-host: " + text + "\n";
-    const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
-    // nobody is left to tell
-    static_cast<void>(written);
-}
-
-/// Log and standard error may be what hangs: the report gets a thread and a second of its own.
-void reportWithin(std::chrono::seconds time, const std::string& text) {
-    try {
-        const auto done = std::make_shared<std::promise<void>>();
-        std::thread([done, text] {
-            writeToStandardError(text);
-            if (cachedLogger().fatal())
-                cachedLogger().fatal(text, __FILE__, __LINE__);
-            done->set_value();
-        }).detach();
-        done->get_future().wait_for(time);
-    } catch (const std::exception&) {
-        writeToStandardError(text);
-    }
 }
 
 } // namespace
@@ -158,13 +130,11 @@ void StopControl::giveUp() {
         givenUp = true;
         step = currentStep;
     }
-    reportWithin(std::chrono::seconds(1),
-                 "step '" + step + "' hangs: not ended " + std::to_string(timeout.count() / 1000) +
-                     " s after the host was told to; it ends now with code " +
-                     std::to_string(ExitHung) +
-                     "; the log's last lines tell who, --shutdown-timeout sets the time");
-    killChildProcesses();
-    _exit(ExitHung);
+    endAtOnce(ExitHung, "step '" + step + "' hangs: not ended " +
+                            std::to_string(timeout.count() / 1000) +
+                            " s after the host was told to; it ends now with code " +
+                            std::to_string(ExitHung) +
+                            "; the log's last lines tell who, --shutdown-timeout sets the time");
 }
 
 } // namespace ktr::host
