@@ -11,7 +11,8 @@ namespace ktr::host {
 enum ExitCode : int {
     /// A bad option, or a bad value of an option.
     ExitUsage = 64,
-    /// Something failed that should not: a plugin threw what nobody catches, a defect.
+    /// Something failed that should not: a plugin threw what nobody catches or called exit(), a
+    /// defect.
     ExitSoftware = 70,
     /// The operating system refused: the port is in use, no thread or descriptor left.
     ExitSystem = 71,
