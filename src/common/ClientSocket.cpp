@@ -30,10 +30,6 @@ bool wouldBlock(int code) {
     return code == EAGAIN || code == EINTR;
 }
 
-HttpFault malformedHeader() {
-    return {HTTPResponse::HTTP_BAD_REQUEST, "the header is malformed"};
-}
-
 std::chrono::microseconds duration(const Poco::Timespan& span) {
     return std::chrono::microseconds(span.totalMicroseconds());
 }
@@ -163,16 +159,13 @@ int ClientSocket::keepHeader(const char* data, int size) {
     const std::string_view got(data, static_cast<std::size_t>(size));
     const std::size_t own = header.find(got);
     ahead.insert(0, got.substr(own));
-    // Poco takes it for the end of the stream, and what follows it for the next request
-    if (got.substr(0, own).find('\xff') != std::string_view::npos)
-        throw malformedHeader();
     headerLeft -= own;
     return static_cast<int>(own);
 }
 
 int ClientSocket::receiveBytes(void* buffer, int length, int /*flags*/) {
     if (inHeader && header.isReached())
-        throw malformedHeader();
+        throw HttpFault(HTTPResponse::HTTP_BAD_REQUEST, "the header is malformed");
     if (inHeader && headerLeft == 0)
         throw HttpFault(HTTPResponse::HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE,
                         "the header is larger than " + std::to_string(limits.headerBytes) +

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HeaderEnd.h"
+#include "HeaderScan.h"
 #include "OpenConnections.h"
 #include "TlsStream.h"
 
@@ -85,7 +85,7 @@ private:
     /// What may still be received of the header.
     std::size_t headerLeft = 0;
     bool inHeader = false;
-    HeaderEnd header;
+    HeaderScan header;
     /// What was received together with a header, but belongs to what follows it.
     std::string ahead;
     /// Whether a part of the request has come.

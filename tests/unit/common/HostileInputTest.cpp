@@ -71,7 +71,26 @@ INSTANTIATE_TEST_SUITE_P(
         Smuggled{"BehindALineOfOneByte", "GET /x HTTP/1.1\r\nA\nGET /smuggled HTTP/1.1\r\n\r\n"},
         Smuggled{"BehindACarriageReturn",
                  "GET /x HTTP/1.1\r\n\rA: b\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
-        Smuggled{"BehindALineWithoutTarget", "GET\n\n/smuggled HTTP/1.1\r\n\r\n"}),
+        Smuggled{"BehindALineWithoutTarget", "GET\n\n/smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindALineWithoutColon",
+                 "POST /x HTTP/1.1\r\nContent-Length 30\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindAContinuedLine", "POST /x HTTP/1.1\r\nA: b\r\n Content-Length: 30\r\n\r\n"
+                                         "GET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindALineThatEndsOtherwise",
+                 "POST /x HTTP/1.1\r\nA: b\nContent-Length: 26\r\n\r\n"
+                 "GET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindACodingAfterAControlCharacter",
+                 "POST /x HTTP/1.1\r\nTransfer-Encoding: \x0b"
+                 "chunked\r\n\r\n0\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindAFourthWord", "GET /x HTTP/1.1 GET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindABlank", " GET /x HTTP/1.1\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindTwoBlanks", "GET  /x HTTP/1.1\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindABlankAtTheEnd", "GET /x HTTP/1.1 \r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindATab", "GET\t/x HTTP/1.1\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindANul",
+                 std::string("GET /x?") + '\0' + " HTTP/1.1\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+        Smuggled{"BehindACarriageReturnAtTheEnd",
+                 "GET /x HTTP/1.1\r\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"}),
     [](const auto& test) { return std::string(test.param.name); });
 
 class HostileInputTest : public testing::Test {
