@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPResponse.h>
 
+#include <cstddef>
 #include <string>
 
 namespace ktr {
@@ -22,5 +23,10 @@ public:
     Poco::Exception* clone() const override { return new HttpFault(*this); }
     void rethrow() const override { throw HttpFault(*this); }
 };
+
+inline HttpFault bodyTooLarge(std::size_t limit) {
+    return {Poco::Net::HTTPResponse::HTTP_REQUEST_ENTITY_TOO_LARGE,
+            "the body is larger than " + std::to_string(limit) + " bytes"};
+}
 
 } // namespace ktr

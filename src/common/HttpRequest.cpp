@@ -1,13 +1,14 @@
 #include "HttpRequest.h"
 
+#include "ChunkedBody.h"
 #include "HttpFault.h"
 #include "HttpSyntax.h"
 
 #include <Poco/Ascii.h>
 #include <Poco/Exception.h>
-#include <Poco/Net/HTTPChunkedStream.h>
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/HTTPServerSession.h>
+#include <Poco/Net/HTTPStream.h>
 #include <Poco/String.h>
 #include <Poco/URI.h>
 
@@ -23,11 +24,6 @@ HttpFault malformed(const std::string& reason) {
     return {HTTPResponse::HTTP_BAD_REQUEST, reason};
 }
 
-HttpFault tooLarge(std::size_t limit) {
-    return {HTTPResponse::HTTP_REQUEST_ENTITY_TOO_LARGE,
-            "the body is larger than " + std::to_string(limit) + " bytes"};
-}
-
 bool isToken(const std::string& text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
 }
@@ -36,21 +32,6 @@ bool isNumber(const std::string& text) {
     return !text.empty() &&
            std::all_of(text.begin(), text.end(), [](char c) { return Poco::Ascii::isDigit(c); });
 }
-
-/// Un-chunks like Poco's own, but tells a malformed chunk from the end of the body.
-class ChunkedBody : public Poco::Net::HTTPChunkedStreamBuf {
-public:
-    explicit ChunkedBody(Poco::Net::HTTPSession& session)
-        : HTTPChunkedStreamBuf(session, std::ios::in) {}
-
-protected:
-    int readFromDevice(char* buffer, std::streamsize length) override {
-        const int size = HTTPChunkedStreamBuf::readFromDevice(buffer, length);
-        if (size < 0)
-            throw malformed("a chunk of the body is malformed");
-        return size;
-    }
-};
 
 } // namespace
 
@@ -83,33 +64,27 @@ void HttpRequest::check() const {
 
 void HttpRequest::readBody(std::size_t limit) {
     if (hasContentLength() && static_cast<Poco::UInt64>(getContentLength64()) > limit)
-        throw tooLarge(limit);
+        throw bodyTooLarge(limit);
     if (getExpectContinue() && getVersion() == HTTP_1_1)
         response().sendContinue();
     if (getChunkedTransferEncoding()) {
-        ChunkedBody source(session());
-        readAll(source, limit);
+        Poco::Net::HTTPStreamBuf source(session(), std::ios::in);
+        content = ChunkedBody(source).read(limit);
     } else if (hasContentLength()) {
-        readAll(*HTTPServerRequestImpl::stream().rdbuf(), limit);
+        readAll(*HTTPServerRequestImpl::stream().rdbuf());
     }
     reader.emplace(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 /// From the buffer, for a stream swallows what its buffer throws.
-void HttpRequest::readAll(std::streambuf& source, std::size_t limit) {
+void HttpRequest::readAll(std::streambuf& source) {
     std::array<char, 4096> piece;
-    std::streamsize size = 0;
-    do {
-        size = source.sgetn(piece.data(), piece.size());
-        if (static_cast<std::size_t>(size) > limit - content.size())
-            throw tooLarge(limit);
+    while (const auto size = source.sgetn(piece.data(), piece.size()))
         content.append(piece.data(), static_cast<std::size_t>(size));
-        // asked again after the end, Poco's buffer would take the next request for a chunk
-    } while (size == static_cast<std::streamsize>(piece.size()));
 }
 
 bool HttpRequest::wantsKeepAlive() const {
-    // of the trailer that may follow the chunks Poco reads a single line
+    // what came together with the last of the chunks went with their buffer
     if (getChunkedTransferEncoding() || hasToken(CONNECTION, "close"))
         return false;
     return getVersion() == HTTP_1_1 || hasToken(CONNECTION, "keep-alive");

@@ -31,7 +31,7 @@ public:
     bool wantsKeepAlive() const;
 
 private:
-    void readAll(std::streambuf& source, std::size_t limit);
+    void readAll(std::streambuf& source);
 
     std::string content;
     std::optional<Poco::MemoryInputStream> reader;

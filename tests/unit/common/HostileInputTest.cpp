@@ -93,6 +93,16 @@ INSTANTIATE_TEST_SUITE_P(
                  "GET /x HTTP/1.1\r\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"}),
     [](const auto& test) { return std::string(test.param.name); });
 
+struct BadChunks {
+    const char* name;
+    std::string body;
+    int status;
+};
+
+void PrintTo(const BadChunks& chunks, std::ostream* out) {
+    *out << chunks.name;
+}
+
 class HostileInputTest : public testing::Test {
 protected:
     HostileInputTest() {
@@ -106,6 +116,57 @@ protected:
     WebApiBasic api;
     Poco::Net::SocketAddress address;
 };
+
+class MalformedChunks : public HostileInputTest, public testing::WithParamInterface<BadChunks> {};
+
+TEST_P(MalformedChunks, AreRefusedAndEndTheConnection) {
+    const test::LogCapture log;
+    RawClient client(address);
+    client.send("POST /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + GetParam().body);
+    client.stream().shutdownSend();
+    EXPECT_THAT(client.rest(), AllOf(StartsWith("HTTP/1.1 " + std::to_string(GetParam().status)),
+                                     HasSubstr("{\"code\":-1,"), Not(HasSubstr("HTTP/1.1 200"))));
+    EXPECT_EQ(log.texts(Poco::Message::PRIO_WARNING).size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WebApiBasic, MalformedChunks,
+    testing::Values(
+        BadChunks{"WithoutSize", "\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"OfANegativeSize", "-5\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"OfAPrefixedSize", "0x5\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithABlankBeforeTheSize", " 5\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithABlankBehindTheSize", "5 \r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithRubbishBehindTheSize", "5zz\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"OfASizeBeyond32Bits", "100000005\r\nhello\r\n0\r\n\r\n", 413},
+        BadChunks{"OfASizeBeyond64Bits", "10000000000000005\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"OfTheLargestSize", "ffffffffffffffff\r\nhello\r\n0\r\n\r\n", 413},
+        BadChunks{"WithHalfALineBreakBehindTheSize", "5\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithTheOtherHalfBehindTheSize", "5\rhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithHalfALineBreakBehindTheExtension", "5;a\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithAControlCharacterInTheExtension", "5;\x01\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithHalfALineBreakBehindTheContent", "5\r\nhello\n0\r\n\r\n", 400},
+        BadChunks{"WithoutLineBreakBehindTheContent", "5\r\nhello0\r\n\r\n", 400},
+        BadChunks{"LongerThanTheySay", "4\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"ShorterThanTheySay", "9\r\nhello\r\n0\r\n\r\n", 400},
+        BadChunks{"WithRubbishBehindTheLastSize", "5\r\nhello\r\n0x\r\n\r\n", 400},
+        BadChunks{"WithoutEnd", "5\r\nhello\r\n", 400},
+        BadChunks{"WithHalfALineBreakInTheTrailer", "5\r\nhello\r\n0\r\nA: b\n\r\n", 400},
+        BadChunks{"WithoutEndOfTheTrailer", "5\r\nhello\r\n0\r\nA: b\r\n", 400},
+        BadChunks{"WithALongExtension", "5;" + std::string(9000, 'a') + "\r\nhello\r\n0\r\n\r\n",
+                  413},
+        BadChunks{"WithALongTrailer",
+                  "5\r\nhello\r\n0\r\nA: " + std::string(9000, 'a') + "\r\n\r\n", 413}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(HostileInputTest, TakesChunksOfAnySizeWithTheirExtensionsAndTrailer) {
+    const std::string large(5000, 'x');
+    RawClient client(address);
+    client.send("POST /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                "1;a=\"b\"; c\r\na\r\n0000000000001388\r\n" +
+                large + "\r\nA;\tx\r\n\r\n\r\n\r\n\xff\xff\n\n\r\n0;last\r\nA: b\r\nC: d\r\n\r\n");
+    EXPECT_THAT(client.answer(), testing::EndsWith("a" + large + "\r\n\r\n\r\n\xff\xff\n\n"));
+}
 
 TEST_F(HostileInputTest, TakesEveryByteInABodyAndTheRequestsBehindIt) {
     std::string body = "\n\n\r\n\r\n";
