@@ -22,7 +22,8 @@ using Parameters = WebApiBasic::Parameters;
 using Poco::Net::HTMLForm;
 using Poco::Net::HTTPRequest;
 
-// the form's look-up is linear in the number of its fields
+// the form's look-up is linear in the number of its fields, and so is the map's for names chosen to
+// share their hash
 constexpr int kMaxFields = 1000;
 
 /// Takes the plain members of the outermost object. Not Poco's own handler: there the last of two
@@ -38,8 +39,11 @@ public:
     void startArray() override { depth += 2; }
     void endArray() override { depth -= 2; }
     void key(const std::string& name) override {
-        if (depth == 1)
-            current = name;
+        if (depth != 1)
+            return;
+        if (++members > kMaxFields)
+            throw Poco::SyntaxException("Too many members");
+        current = name;
     }
     void null() override {}
     void value(int number) override { add(Poco::NumberFormatter::format(number)); }
@@ -58,6 +62,7 @@ private:
 
     Parameters& parameters;
     std::string current;
+    int members = 0;
     int depth = 0;
 };
 

@@ -43,7 +43,7 @@ public:
     /// body is left to the handler. Of a repeated name the first value counts; the body goes before
     /// the query. Files in a multipart form are left out. Of a JSON object the string members come
     /// as they are, numbers and booleans as their JSON text; null, objects and arrays are left out.
-    /// More than 1000 fields in a form are refused with 400.
+    /// More than 1000 fields in a form, or members in the object, are refused with 400.
     using Parameters = std::unordered_map<std::string, std::string>;
 
     /// Answers one request by writing to `response`. Called on a server thread, several at once,

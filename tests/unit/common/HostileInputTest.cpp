@@ -206,5 +206,28 @@ TEST_F(HostileInputTest, RefusesJsonNestedSoDeepThatItWouldFillTheStack) {
     }
 }
 
+std::string objectOf(int members, const std::string& value) {
+    std::string text;
+    for (int i = 0; i < members; ++i)
+        text += (i == 0 ? "{\"" : ",\"") + std::to_string(i) + "\":" + value;
+    return text + "}";
+}
+
+TEST_F(HostileInputTest, RefusesJsonOfMoreMembersThanAFormMayHaveFields) {
+    const auto statusOf = [this](const std::string& body) {
+        RawClient client(address);
+        client.send("POST /echo HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: " +
+                    std::to_string(body.size()) + "\r\n\r\n" + body);
+        return client.answer().substr(9, 3);
+    };
+    EXPECT_EQ(statusOf(objectOf(1000, "1")), "200");
+    // what is inside a member is none of the parameters
+    EXPECT_EQ(statusOf("{\"a\":" + objectOf(1001, "1") + "}"), "200");
+    const test::LogCapture log;
+    for (const char* value : {"1", "null", "[]", "\"text\""})
+        EXPECT_EQ(statusOf(objectOf(1001, value)), "400") << value;
+    EXPECT_EQ(log.count("the body is malformed"), 4);
+}
+
 } // namespace
 } // namespace ktr
