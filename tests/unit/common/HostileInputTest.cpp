@@ -1,5 +1,5 @@
-#include "WebApiClient.h"
 #include "support/LogCapture.h"
+#include "support/RawClient.h"
 
 #include "ktr/common/WebApiBasic.h"
 

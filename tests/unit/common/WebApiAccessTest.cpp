@@ -1,7 +1,6 @@
 #include "AccessControl.h"
 #include "BoundedLog.h"
 #include "NetworkList.h"
-#include "WebApiClient.h"
 
 #include "ktr/common/JsonAnswer.h"
 #include "ktr/common/WebApiBasic.h"
@@ -9,6 +8,7 @@
 #include "support/Ipv6.h"
 #include "support/LogCapture.h"
 #include "support/OwnAddress.h"
+#include "support/RawClient.h"
 #include "support/WaitUntil.h"
 
 #include <Poco/Exception.h>

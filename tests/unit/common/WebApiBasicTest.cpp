@@ -1,10 +1,9 @@
 #include "ktr/common/WebApiBasic.h"
 
-#include "WebApiClient.h"
-
 #include "ktr/common/JsonAnswer.h"
 #include "support/Ipv6.h"
 #include "support/LogCapture.h"
+#include "support/RawClient.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
