@@ -91,7 +91,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace ktr::fuzz;
     static ktr::RouteTable routes;
     static ktr::HttpConnection::Server host{routes, settings(), ktr::BoundedLog(),
-                                            ktr::BoundedLog()};
+                                            ktr::BoundedLog(), ktr::BoundedLog()};
     [[maybe_unused]] static const bool isSetUp = (muteLog(), addRoute(routes), true);
     const std::string answers = serve(host, text(data, size));
     require(answers.empty() || answers.rfind("HTTP/1.", 0) == 0,

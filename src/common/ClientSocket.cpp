@@ -200,8 +200,10 @@ int ClientSocket::sendBytes(const void* buffer, int length, int flags) {
         const Clock::duration patience =
             stopping() ? Clock::duration(kSendTimeAtStop) : duration(limits.headerTime);
         stalled = Clock::now() - progress >= patience;
-        if (!stalled)
-            waitForSocket(sockfd(), attempt.wanted, kSendSlice);
+        if (stalled)
+            continue;
+        connections->enter(sockfd(), OpenConnections::Phase::sending);
+        waitForSocket(sockfd(), attempt.wanted, kSendSlice);
     }
     return length;
 }

@@ -51,6 +51,10 @@ public:
     void linger();
 
     bool stopping() const { return connections->stopping(); }
+    /// Whether others wait until there is room for them.
+    bool isCrowded() const { return connections->isCrowded(); }
+    /// Whether it was closed to make room for others.
+    bool isEnded() const { return connections->isEnded(sockfd()); }
 
     bool secure() const override { return tls.has_value(); }
 

@@ -167,7 +167,10 @@ bool HttpConnection::serveOne(Session& session) {
     }
     // the last of the answer goes out when it is destroyed, so that only now is it known
     if (session.networkException()) {
-        logFailure(subject, session.networkException()->displayText());
+        if (client.isEnded())
+            logMadeRoom();
+        else
+            logFailure(subject, session.networkException()->displayText());
         return false;
     }
     return true;
@@ -184,6 +187,10 @@ void HttpConnection::authorize(const HttpRequest& request) const {
 void HttpConnection::refuse(Session& session, const HttpFault& fault) {
     if (client.stopping())
         return;
+    if (client.isEnded()) {
+        logMadeRoom();
+        return;
+    }
     logRefusal(fault);
     {
         HttpResponse response(session);
@@ -206,10 +213,17 @@ void HttpConnection::logRefusal(const HttpFault& fault) {
         cachedLogger().warning(text, __FILE__, __LINE__);
 }
 
+void HttpConnection::logMadeRoom() {
+    server.madeRoom.warning("web api: " + subject + " from " + client.peer().toString() +
+                            " broken off: all " + std::to_string(limits.connections) +
+                            " connections are taken, and this one kept the server waiting");
+}
+
 /// False when the answer broke off.
 bool HttpConnection::answer(HttpRequest& request, HttpResponse& response, const Target& target) {
     response.setDate(Poco::Timestamp());
-    response.setKeepAlive(request.wantsKeepAlive());
+    // a client that always has a next request is not to keep out those that wait
+    response.setKeepAlive(request.wantsKeepAlive() && !client.isCrowded());
     response.setContentType("application/json");
     try {
         return handle(request, response, target);

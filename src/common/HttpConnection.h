@@ -28,6 +28,7 @@ public:
         const ServerSettings settings;
         BoundedLog handshakeFailures;
         BoundedLog unauthorized;
+        BoundedLog madeRoom;
     };
 
     /// The socket is a ClientSocket.
@@ -46,6 +47,7 @@ private:
     bool handle(HttpRequest& request, HttpResponse& response, const Target& target);
     void refuse(Session& session, const HttpFault& fault);
     void logRefusal(const HttpFault& fault);
+    void logMadeRoom();
 
     Server& server;
     const WebApiBasic::Limits& limits;

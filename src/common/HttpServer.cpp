@@ -16,12 +16,15 @@
 namespace ktr {
 namespace {
 
-constexpr int kBacklog = 128;
+// Beyond it a client's connection is dropped, to be tried again a second later. The system cuts it.
+constexpr int kBacklog = 4096;
+// Poco takes idle threads back only when it is asked to.
+constexpr int kThreadIdleSeconds = 1;
 
 class ConnectionFactory : public Poco::Net::TCPServerConnectionFactory {
 public:
     ConnectionFactory(RouteTable& routes, const ServerSettings& settings)
-        : server{routes, settings, BoundedLog(), BoundedLog()} {}
+        : server{routes, settings, BoundedLog(), BoundedLog(), BoundedLog()} {}
 
     Poco::Net::TCPServerConnection*
     createConnection(const Poco::Net::StreamSocket& socket) override {
@@ -50,7 +53,7 @@ HttpServer::HttpServer(const std::string& ip, unsigned short port, RouteTable& r
     : routes(routes_), settings(usable(settings_)),
       connections(
           std::make_shared<OpenConnections>(static_cast<std::size_t>(settings.limits.connections))),
-      socket(Listener(new ListenSocket(connections, settings))) {
+      socket(Listener(new ListenSocket(connections, settings, [this] { threads->collect(); }))) {
     try {
         // A port that just served may be bound again; one that is being served may not be shared.
         socket.bind(Poco::Net::SocketAddress(ip, port), true, false);
@@ -73,7 +76,7 @@ void HttpServer::start() {
     // a stop wakes but one of the threads that wait for a connection
     params->setThreadIdleTime(Poco::Timespan(0, 200'000));
     // a thread that has ended its connection still counts for a moment
-    threads.emplace("web api", 1, 2 * most);
+    threads.emplace("web api", 1, 2 * most, kThreadIdleSeconds);
     const Poco::Net::TCPServerConnectionFactory::Ptr factory(
         new ConnectionFactory(routes, settings));
     server.emplace(factory, *threads, socket, params);

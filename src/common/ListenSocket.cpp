@@ -14,8 +14,9 @@
 namespace ktr {
 
 ListenSocket::ListenSocket(std::shared_ptr<OpenConnections> connections_,
-                           const ServerSettings& settings)
-    : connections(std::move(connections_)), limits(settings.limits), access(settings.access) {}
+                           const ServerSettings& settings, std::function<void()> tidy_)
+    : connections(std::move(connections_)), limits(settings.limits), access(settings.access),
+      tidy(std::move(tidy_)) {}
 
 ListenSocket::~ListenSocket() {
     if (accepted >= 0)
@@ -23,8 +24,16 @@ ListenSocket::~ListenSocket() {
 }
 
 bool ListenSocket::poll(const Poco::Timespan& timeout, int /*mode*/) {
+    tidyNowAndThen();
     const std::chrono::microseconds time(timeout.totalMicroseconds());
     return (accepted >= 0 || acceptOne(time)) && connections->waitForRoom(time);
+}
+
+void ListenSocket::tidyNowAndThen() {
+    if (Clock::now() - tidied < std::chrono::seconds(1))
+        return;
+    tidy();
+    tidied = Clock::now();
 }
 
 /// Whether there is now a connection that may be handed on.
@@ -63,7 +72,7 @@ void ListenSocket::reportFailure(int code) {
                                  "connections",
                              __FILE__, __LINE__);
     failing = true;
-    connections->endLongestIdle();
+    connections->endSlowest();
     // The client stays in the backlog, so that the next wait would return at once and spin.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }

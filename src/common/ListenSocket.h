@@ -6,6 +6,7 @@
 
 #include <Poco/Net/ServerSocketImpl.h>
 
+#include <functional>
 #include <memory>
 
 namespace ktr {
@@ -17,7 +18,9 @@ namespace ktr {
 /// is out of descriptors.
 class ListenSocket : public Poco::Net::ServerSocketImpl {
 public:
-    ListenSocket(std::shared_ptr<OpenConnections> connections, const ServerSettings& settings);
+    /// Calls `tidy` about once a second while the socket is polled.
+    ListenSocket(std::shared_ptr<OpenConnections> connections, const ServerSettings& settings,
+                 std::function<void()> tidy);
 
     bool poll(const Poco::Timespan& timeout, int mode) override;
     Poco::Net::SocketImpl* acceptConnection(Poco::Net::SocketAddress& client) override;
@@ -28,12 +31,15 @@ protected:
 private:
     using Clock = OpenConnections::Clock;
 
+    void tidyNowAndThen();
     bool acceptOne(Clock::duration timeout);
     void reportFailure(int code);
 
     const std::shared_ptr<OpenConnections> connections;
     const WebApiBasic::Limits limits;
     const AccessControl access;
+    const std::function<void()> tidy;
+    Clock::time_point tidied = Clock::now();
     /// What poll has accepted and not handed on yet, and who is there.
     int accepted = -1;
     Poco::Net::SocketAddress peer;

@@ -1,8 +1,26 @@
 #include "OpenConnections.h"
 
+#include <algorithm>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <tuple>
 
 namespace ktr {
+namespace {
+
+using std::chrono::milliseconds;
+
+// What a client on a slow line may need between two packets. A thousand clients that say nothing
+// pass in a few of these.
+constexpr milliseconds kGrace{50};
+
+/// Whether the server keeps the client waiting, and not the other way round.
+bool hasUnread(int descriptor) {
+    int bytes = 0;
+    return ::ioctl(descriptor, FIONREAD, &bytes) == 0 && bytes > 0;
+}
+
+} // namespace
 
 void OpenConnections::add(int descriptor) {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -20,24 +38,38 @@ bool OpenConnections::enter(int descriptor, Phase phase) {
     const auto found = connections.find(descriptor);
     if (found == connections.end() || found->second.ended || stopped)
         return false;
-    found->second.phase = phase;
-    found->second.since = Clock::now();
+    if (found->second.phase != phase) {
+        found->second.phase = phase;
+        found->second.since = Clock::now();
+    }
     return true;
 }
 
 bool OpenConnections::waitForRoom(Clock::duration timeout) {
+    const auto end = Clock::now() + timeout;
+    const auto isOver = [this] { return stopped || connections.size() < limit; };
     std::unique_lock<std::mutex> lock(mutex);
-    if (connections.size() >= limit)
-        endLongestIdleLocked();
-    changed.wait_for(lock, timeout, [this] { return stopped || connections.size() < limit; });
-    return !stopped && connections.size() < limit;
+    crowded = !isOver();
+    while (!isOver() && Clock::now() < end) {
+        endSlowestLocked();
+        // its thread closes it in less; nobody says when the next one's moment is over
+        changed.wait_until(lock, std::min(end, Clock::now() + milliseconds(10)), isOver);
+    }
+    crowded = !isOver();
+    return !crowded && !stopped;
+}
+
+bool OpenConnections::isEnded(int descriptor) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    const auto found = connections.find(descriptor);
+    return found != connections.end() && found->second.ended;
 }
 
 void OpenConnections::stop() {
     const std::lock_guard<std::mutex> lock(mutex);
     stopped = true;
     for (auto& [descriptor, connection] : connections)
-        if (connection.phase != Phase::answering)
+        if (connection.phase == Phase::idle || connection.phase == Phase::reading)
             end(descriptor, connection);
     changed.notify_all();
 }
@@ -48,21 +80,32 @@ void OpenConnections::end(int descriptor, Connection& connection) {
     ::shutdown(descriptor, SHUT_RDWR);
 }
 
-void OpenConnections::endLongestIdle() {
+void OpenConnections::endSlowest() {
     const std::lock_guard<std::mutex> lock(mutex);
-    endLongestIdleLocked();
+    endSlowestLocked();
 }
 
-void OpenConnections::endLongestIdleLocked() {
-    auto longest = connections.end();
-    for (auto at = connections.begin(); at != connections.end(); ++at) {
-        const Connection& connection = at->second;
-        if (connection.phase == Phase::idle && !connection.ended &&
-            (longest == connections.end() || connection.since < longest->second.since))
-            longest = at;
-    }
-    if (longest != connections.end())
-        end(longest->first, longest->second);
+bool OpenConnections::mayEnd(const Map::value_type& entry) {
+    const auto& [descriptor, connection] = entry;
+    if (connection.ended || connection.phase == Phase::answering)
+        return false;
+    if (Clock::now() - connection.since < kGrace)
+        return false;
+    // whoever does not take an answer may send further requests all the same
+    return connection.phase == Phase::sending || !hasUnread(descriptor);
+}
+
+void OpenConnections::endSlowestLocked() {
+    auto slowest = connections.end();
+    const auto rank = [](const Connection& connection) {
+        return std::tie(connection.phase, connection.since);
+    };
+    for (auto at = connections.begin(); at != connections.end(); ++at)
+        if ((slowest == connections.end() || rank(at->second) < rank(slowest->second)) &&
+            mayEnd(*at))
+            slowest = at;
+    if (slowest != connections.end())
+        end(slowest->first, slowest->second);
 }
 
 } // namespace ktr
