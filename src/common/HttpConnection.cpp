@@ -67,8 +67,9 @@ HttpFault faultOf(const Poco::Exception& error) {
     if (malformed == nullptr && dynamic_cast<const Poco::Net::NetException*>(&error) != nullptr)
         error.rethrow();
     const std::string& text = error.message();
-    const bool limit =
-        text.rfind("Field value too long", 0) == 0 || text.rfind("Too many header fields", 0) == 0;
+    const bool limit = text.rfind("Field name too long", 0) == 0 ||
+                       text.rfind("Field value too long", 0) == 0 ||
+                       text.rfind("Too many header fields", 0) == 0;
     return {limit ? HTTPResponse::HTTP_REQUEST_HEADER_FIELDS_TOO_LARGE
                   : HTTPResponse::HTTP_BAD_REQUEST,
             "the header is malformed: " + text};
