@@ -47,7 +47,7 @@ protected:
         if (!good)
             return;
         EXPECT_TRUE(waitUntil([this] { return good->answers() >= 3; }));
-        EXPECT_LT(good->longestWait(), std::chrono::seconds(1));
+        EXPECT_LT(good->longestWait(), patience);
         EXPECT_TRUE(waitUntil([this] { return count("fd") <= descriptors; }))
             << count("fd") << " of " << descriptors;
         EXPECT_TRUE(waitUntil([this] { return count("task") <= threads; }))
@@ -72,6 +72,7 @@ protected:
     std::size_t threads = 0;
     std::size_t descriptors = 0;
     std::optional<GoodClient> good;
+    std::chrono::milliseconds patience{1000};
 };
 
 } // namespace ktr::test

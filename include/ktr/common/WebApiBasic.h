@@ -61,10 +61,10 @@ public:
         /// Poco's limits go on top: 100 fields, each with 256 bytes of name and 8192 of value.
         std::size_t headerBytes = 16'384;
         /// Open at a time, each with a thread of its own. Beyond it the connection that has been
-        /// idle for longest makes room; with none idle, the one that has been sending its request
-        /// for longest, or else the one that has been taking its answer for longest. While
-        /// handlers work on all of them, clients wait in the listen backlog. As long as somebody
-        /// waits, connections end with their next answer.
+        /// idle for longest makes room, of many connections several at once; with none idle, the
+        /// one that has been sending its request for longest, or else the one that has been taking
+        /// its answer for longest. While handlers work on all of them, clients wait in the listen
+        /// backlog. As long as somebody waits, connections end with their next answer.
         int connections = 256;
         /// From the first byte of a request to the end of its header, and again for its body. Also
         /// how long a client may take nothing of its answer.
