@@ -47,16 +47,29 @@ public:
     void run() override {
         const std::unique_ptr<Task> self(this);
         const std::shared_ptr<Progress> kept = std::move(progress);
-        Progress* const outer = std::exchange(current, kept.get());
+        const Turn turn(*kept);
         execute();
-        current = outer;
-        kept->leave();
     }
 
     /// The pool whose task runs on this thread, if any.
     static thread_local Progress* current;
 
 private:
+    /// Ends also when a failure cannot be logged, or who waits for the task would wait for ever.
+    struct Turn {
+        explicit Turn(Progress& progress_)
+            : progress(progress_), outer(std::exchange(current, &progress_)) {}
+        ~Turn() {
+            current = outer;
+            progress.leave();
+        }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+        Progress& progress;
+        Progress* const outer;
+    };
+
     void execute() {
         try {
             const std::function<void()> once = std::move(work);

@@ -1,16 +1,21 @@
 #include "ktr/common/ThreadPool.h"
 
+#include "ktr/common/Logger.h"
+
 #include "support/LogCapture.h"
 #include "support/RefuseThreads.h"
 #include "support/WaitUntil.h"
 
+#include <Poco/Channel.h>
 #include <Poco/Exception.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <stdexcept>
+#include <thread>
 
 namespace ktr {
 namespace {
@@ -61,6 +66,35 @@ TEST(ThreadPool, LogsWhatATaskThrowsWithItsName) {
     EXPECT_EQ(log.count("task 'task-two' failed: Not found: second"), 1);
     EXPECT_EQ(log.count("task 'task-three' failed: exception of unknown type"), 1);
     EXPECT_EQ(log.texts(Poco::Message::PRIO_ERROR).size(), 3U);
+}
+
+/// A log that fails, as on a full disk.
+class FullLog {
+public:
+    FullLog() : former(cachedLogger().getChannel()) { cachedLogger().setChannel(new Full); }
+    ~FullLog() { cachedLogger().setChannel(former); }
+    FullLog(const FullLog&) = delete;
+    FullLog& operator=(const FullLog&) = delete;
+
+private:
+    struct Full : Poco::Channel {
+        void log(const Poco::Message& /*message*/) override { throw Poco::WriteFileException(); }
+    };
+    const Poco::Channel::Ptr former;
+};
+
+// The task counted as running for ever, and the host's shutdown hung.
+TEST(ThreadPool, WaitsNotForATaskWhoseFailureCannotBeLogged) {
+    const FullLog log;
+    const auto pool = makePool(4);
+    pool->start([] { throw std::runtime_error("failed"); });
+    const auto joined = std::make_shared<std::promise<void>>();
+    // if it hangs, so would the pool's end: both are left alone then
+    std::thread([pool, joined] {
+        pool->joinAll();
+        joined->set_value();
+    }).detach();
+    EXPECT_EQ(joined->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 }
 
 TEST(ThreadPool, RunsAnAcceptedTaskWhenItEndsRightAfter) {
