@@ -1,5 +1,7 @@
 #include "HostLog.h"
 
+#include "SteadyChannel.h"
+
 #include "ktr/common/Logger.h"
 
 #include <Poco/AutoPtr.h>
@@ -58,6 +60,7 @@ void setUpLog(const Settings& settings) {
         else
             cachedLogger().setChannel(file);
     }
+    cachedLogger().setChannel(new SteadyChannel(cachedLogger().getChannel()));
     cachedLogger().setLevel(settings.logLevel);
     // never given back: Poco keeps a plain pointer until the process ends
     static auto* const errors = new ThreadErrors;

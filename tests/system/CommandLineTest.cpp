@@ -1,5 +1,6 @@
 #include "support/HostProcess.h"
 #include "support/Ipv6.h"
+#include "support/PuppetClient.h"
 
 #include <Poco/Net/ServerSocket.h>
 
@@ -155,6 +156,24 @@ TEST_F(CommandLineTest, LogsToAFileThatItRotates) {
     EXPECT_THAT(readFile(log), testing::ContainsRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]*[-+Z]"
                                                       "[0-9:]* Information host ends: SIGTERM\n"));
     EXPECT_EQ(host.err(), "");
+}
+
+// Requests were answered with 400, the shutdown hung, and what had been logged before was purged.
+TEST_F(CommandLineTest, WorksOnWhileTheLogsDiskIsFull) {
+    const auto log = root.notes() / "host.log";
+    std::filesystem::create_symlink("/dev/full", log);
+    root.addPlugin("puppet");
+    root.addPlugin("thrower", "start=throw\n");
+    root.addService("guid=thrower");
+    const std::string service = root.addService("guid=puppet\nexit=3");
+    HostProcess host(root, {"--log-file=" + log.string()});
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    EXPECT_TRUE(PuppetClient(host.port(), "puppet").waitStarted());
+    EXPECT_EQ(root.startsOf(service).size(), 2U);
+    EXPECT_EQ(httpPost(host.port(), "/no/such/route").status, 404);
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+    EXPECT_TRUE(std::filesystem::is_symlink(log)) << "it was rotated";
 }
 
 TEST_F(CommandLineTest, SaysInTheLogFileTooWhyItDoesNotStart) {
