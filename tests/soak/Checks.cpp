@@ -25,6 +25,7 @@ constexpr milliseconds kPoll(20);
 constexpr milliseconds kLookEvery(250);
 constexpr seconds kLostAfter(30);
 constexpr seconds kSettleLimit(20);
+constexpr seconds kQuietTime(2);
 constexpr seconds kQuietLimit(30);
 constexpr std::uint64_t kKib = 1024;
 // Pools of up to four threads for each path, and the two that the default pool keeps.
@@ -79,15 +80,30 @@ void Checks::settleEvents() {
             problems.add(std::to_string(plugin.altered) + " events came altered");
 }
 
-Quiet Checks::measureQuiet(const Quiet& goal) const {
+Quiet Checks::measureQuiet() const {
+    Quiet quiet{heap(), holdingsOf(device.pid()), reports()};
+    // what was just asked may still hold its connection
     test::waitUntil(
         [&] {
             const Holdings now = holdingsOf(device.pid());
-            return over || (now.descriptors <= goal.holdings.descriptors &&
-                            now.threads <= goal.holdings.threads);
+            if (now.descriptors < quiet.holdings.descriptors)
+                quiet.holdings = now;
+            return over.load();
+        },
+        kQuietTime);
+    return quiet;
+}
+
+Quiet Checks::measureQuiet(const Quiet& goal) const {
+    Quiet quiet{heap(), {}, reports()};
+    test::waitUntil(
+        [&] {
+            quiet.holdings = holdingsOf(device.pid());
+            return over || (quiet.holdings.descriptors <= goal.holdings.descriptors &&
+                            quiet.holdings.threads <= goal.holdings.threads);
         },
         kQuietLimit);
-    return {heap(), holdingsOf(device.pid()), reports()};
+    return quiet;
 }
 
 void Checks::compareQuiet(const Quiet& before, const Quiet& after) const {
@@ -131,12 +147,13 @@ Ledger::Count Checks::count(std::uint32_t path) const {
 
 std::uint64_t notificationBytes() {
     constexpr std::size_t count = 10'000;
+    const std::string guid = guidOf(0);
     std::vector<Poco::AutoPtr<MSNotification>> notifications(count);
     const auto before = mallinfo2().uordblks;
     for (auto& notification : notifications) {
         notification = new MSNotification;
         notification->setRpcIp("127.0.0.1");
-        notification->setMSGuid(guidOf(0));
+        notification->setMSGuid(guid);
     }
     return (mallinfo2().uordblks - before) / count + 1;
 }

@@ -35,8 +35,10 @@ public:
     /// Nobody may raise any.
     void settleEvents();
 
-    /// Takes the measures, nobody making load; not before descriptors and threads have come down to
-    /// those of `goal`, or that has taken too long.
+    /// Takes the measures while nobody makes load.
+    Quiet measureQuiet() const;
+    /// As above, but not before descriptors and threads have come down to those of `goal`, or that
+    /// has taken too long.
     Quiet measureQuiet(const Quiet& goal) const;
 
     /// Tells what has grown.

@@ -1,7 +1,6 @@
 #include "Soak.h"
 
 #include <array>
-#include <limits>
 #include <numeric>
 
 namespace ktr::soak {
@@ -12,14 +11,7 @@ using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kExitLimit(5);
 constexpr std::chrono::seconds kCalmDown(2);
-
-/// Anything will do: it is what later measures are held against.
-Quiet noGoal() {
-    Quiet goal;
-    goal.holdings.descriptors = std::numeric_limits<std::uint64_t>::max();
-    goal.holdings.threads = std::numeric_limits<std::uint64_t>::max();
-    return goal;
-}
+constexpr std::chrono::seconds kLoadBeforeEnd(1);
 
 std::string kib(std::uint64_t amount) {
     return std::to_string(amount) + " KiB";
@@ -38,33 +30,37 @@ void Soak::run() {
     faults.runEach();
     if (over)
         return;
-    warm = rest(noGoal());
+    rest();
+    warm = checks.measureQuiet();
     goOn();
     faults.runUntil(end);
     if (over)
         return;
-    last = rest(warm);
+    rest();
+    last = checks.measureQuiet(warm);
     checks.compareQuiet(warm, last);
     checkRestarts();
     checks.finish();
     endHost();
 }
 
-/// Ends all load, checks what then has to be so, and measures.
-Quiet Soak::rest(const Quiet& goal) {
+/// Ends all load and checks what then has to be so.
+void Soak::rest() {
     faults.crowd();
-    device.shared.noReports = true;
-    device.shared.noEvents = true;
+    makeLoad(false);
     queries.pause();
     mqtt.settle();
     std::this_thread::sleep_for(kCalmDown);
     checks.settleEvents();
-    return checks.measureQuiet(goal);
+}
+
+void Soak::makeLoad(bool wanted) {
+    device.shared.noReports = !wanted;
+    device.shared.noEvents = !wanted;
 }
 
 void Soak::goOn() {
-    device.shared.noReports = false;
-    device.shared.noEvents = false;
+    makeLoad(true);
     queries.resume();
     mqtt.expectFlow();
 }
@@ -79,7 +75,10 @@ void Soak::checkRestarts() const {
                      std::to_string(expected));
 }
 
+/// In the middle of reports and events.
 void Soak::endHost() {
+    makeLoad(true);
+    std::this_thread::sleep_for(kLoadBeforeEnd);
     const auto begin = Clock::now();
     const auto code = device.end(kExitLimit);
     exitTook = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);

@@ -32,7 +32,8 @@ public:
     Figures figures() const;
 
 private:
-    Quiet rest(const Quiet& goal);
+    void rest();
+    void makeLoad(bool wanted);
     void goOn();
     void checkRestarts() const;
     void endHost();

@@ -174,7 +174,7 @@ private:
     void produce() const {
         std::minstd_rand random(library().shared.seed + library().number);
         while (!ending) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(40 + random() % 120));
+            pause(std::chrono::milliseconds(40 + random() % 120));
             if (library().shared.noEvents) {
                 carryAlong();
                 continue;
@@ -184,6 +184,13 @@ private:
                 while (!ending && !tryRaise(false, static_cast<std::uint32_t>(random() % kPaths)))
                     std::this_thread::sleep_for(kPoll);
         }
+    }
+
+    /// Ends early with the object: the host's registry is locked while that stops.
+    void pause(std::chrono::milliseconds time) const {
+        const auto end = std::chrono::steady_clock::now() + time;
+        while (!ending && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(kPoll);
     }
 
     /// What is pending while no thread of its path is free waits for the next event: the last ones
