@@ -30,10 +30,10 @@ constexpr seconds kQuietLimit(30);
 constexpr std::uint64_t kKib = 1024;
 // Pools of up to four threads for each path, and the two that the default pool keeps.
 constexpr std::uint64_t kThreadSlack = 8;
-// What threads keep in hand of what they gave back, and a connection's buffers.
-constexpr std::uint64_t kHeapSlack = 1024 * kKib;
+// Buffers and tables that are as large as they ever had to be.
+constexpr std::uint64_t kHeapSlack = 256 * kKib;
 // What the heap holds besides, to be used again: its pieces are spread over many arenas.
-constexpr std::uint64_t kResidentSlackKib = 16 * kKib;
+constexpr std::uint64_t kResidentSlackKib = 8 * kKib;
 
 } // namespace
 
