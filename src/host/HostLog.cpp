@@ -60,7 +60,7 @@ void setUpLog(const Settings& settings) {
         else
             cachedLogger().setChannel(file);
     }
-    cachedLogger().setChannel(new SteadyChannel(cachedLogger().getChannel()));
+    cachedLogger().setChannel(Poco::makeAuto<SteadyChannel>(cachedLogger().getChannel()));
     cachedLogger().setLevel(settings.logLevel);
     // never given back: Poco keeps a plain pointer until the process ends
     static auto* const errors = new ThreadErrors;
