@@ -73,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "GET /x HTTP/1.1\r\n\rA: b\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
         Smuggled{"BehindALineWithoutTarget", "GET\n\n/smuggled HTTP/1.1\r\n\r\n"},
         Smuggled{"BehindALineWithoutColon",
-                 "POST /x HTTP/1.1\r\nContent-Length 30\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
+                 "POST /x HTTP/1.1\r\nContent-Length\r\n\r\nGET /smuggled HTTP/1.1\r\n\r\n"},
         Smuggled{"BehindAContinuedLine", "POST /x HTTP/1.1\r\nA: b\r\n Content-Length: 30\r\n\r\n"
                                          "GET /smuggled HTTP/1.1\r\n\r\n"},
         Smuggled{"BehindALineThatEndsOtherwise",
