@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::milliseconds kPoll(20);
 constexpr std::chrono::milliseconds kReportEvery(1500);
-constexpr std::size_t kFloodBytes = 4 * 1024 * 1024;
+constexpr std::size_t kFloodBytes = std::size_t{4} * 1024 * 1024;
 constexpr unsigned short kSomePort = 40000;
 
 bool report(unsigned short hostPort, std::uint32_t number) {

@@ -20,8 +20,7 @@ namespace {
 
 using namespace ktr::soak;
 
-// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): of a signal handler
-std::atomic<bool> interrupted{false};
+std::atomic<bool> interrupted{false}; // set by a signal handler
 
 void interrupt(int /*signal*/) {
     interrupted = true;
