@@ -5,10 +5,8 @@
 namespace ktr::test {
 namespace {
 
-using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 const std::vector<std::string> kGood{"left", "right"};
 
