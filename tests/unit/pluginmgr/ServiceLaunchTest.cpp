@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -95,11 +96,13 @@ TEST_F(ServiceLaunchDeathTest, ReplacesOutputsThatTheHostLost) {
         testing::ExitedWithCode(0), "");
 }
 
+using Pipe = std::array<int, 2>;
+
 TEST_F(ServiceLaunchDeathTest, KeepsTheOutputsOfTheHost) {
     EXPECT_EXIT(
         {
-            int pipe[2]{};
-            end(::pipe(pipe) == 0 && dup2(pipe[1], STDOUT_FILENO) == STDOUT_FILENO && [] {
+            Pipe pipe{};
+            end(::pipe(pipe.data()) == 0 && dup2(pipe[1], STDOUT_FILENO) == STDOUT_FILENO && [] {
                 launching = true;
                 prepareChild();
                 return std::filesystem::read_symlink("/proc/self/fd/1") != "/dev/null";
