@@ -1,5 +1,6 @@
 #include "PluginHost.h"
 
+#include <cstdlib>
 #include <sys/resource.h>
 
 namespace ktr::test {
@@ -348,10 +349,10 @@ TEST_F(NeighbourTest, APluginOfTheSameGuidThatIsLoadedLaterTakesThePlace) {
 class BlockingPluginTest : public BadPairTest, public testing::WithParamInterface<std::string> {
 protected:
     /// Has "bad", whose service does not report, block at the place of the parameter.
-    void block(const std::string& deed) {
+    void block(const std::string& deed, int shutdownTimeout = 2) {
         const std::string& place = GetParam();
         root.addPlugin("bad", place + "=" + deed + "\n");
-        startHost({"--shutdown-timeout=2"});
+        startHost({"--shutdown-timeout=" + std::to_string(shutdownTimeout)});
         waitGoodStarted();
         expectExchange();
         plugin("bad").report(42009);
@@ -386,7 +387,8 @@ protected:
 };
 
 TEST_P(BlockingPluginTest, HoldsUpStartsAndDeliveriesUntilItReturns) {
-    block("hold");
+    // a sanitizer takes its time at the end
+    block("hold", 10);
     const int starts = startsOf("left");
     const std::string event = expectOnlyStartsAndDeliveriesWait();
     root.letGo("bad", GetParam());
@@ -423,7 +425,16 @@ INSTANTIATE_TEST_SUITE_P(In, BlockingPluginTest,
 
 // ---- plugins that end the host
 
-class ExitingPluginTest : public BadPairTest, public testing::WithParamInterface<std::string> {};
+class ExitingPluginTest : public BadPairTest, public testing::WithParamInterface<std::string> {
+protected:
+    // ThreadSanitizer would hold up the end for a second, in which supervision goes on
+    ExitingPluginTest() {
+        const char* options = std::getenv("TSAN_OPTIONS");
+        const std::string more =
+            std::string(options != nullptr ? options : "") + ":atexit_sleep_ms=0";
+        setenv("TSAN_OPTIONS", more.c_str(), 1);
+    }
+};
 
 // exit() ran on the plugin's thread, and hung there for ever, or told with 0 that all is well.
 TEST_P(ExitingPluginTest, EndsTheHostAtOnceWithACodeOfItsOwn) {
