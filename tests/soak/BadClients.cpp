@@ -16,6 +16,7 @@ namespace {
 
 // The host gives a request ten seconds; it may be short of descriptors before it begins to count.
 const Poco::Timespan kPatience(20, 0);
+// how long a crowd stays; nothing is waited for
 constexpr std::chrono::seconds kCrowdTime(2);
 const std::string kReport = "/index/api/all/report";
 

@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
+// the pace at which the journal is emptied
 constexpr milliseconds kPoll(20);
 constexpr milliseconds kLookEvery(250);
 constexpr seconds kLostAfter(30);

@@ -11,6 +11,7 @@ namespace ktr::soak {
 namespace {
 
 constexpr std::uint32_t kThreads = 2;
+// the pace of the load
 constexpr std::chrono::milliseconds kPause(30);
 constexpr int kNotFound = 404;
 

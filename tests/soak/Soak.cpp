@@ -1,5 +1,7 @@
 #include "Soak.h"
 
+#include "support/WaitUntil.h"
+
 #include <array>
 #include <numeric>
 
@@ -10,8 +12,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kExitLimit(5);
+// A report that was under way shows only by what it sets off, and nothing tells that none is left.
 constexpr std::chrono::seconds kCalmDown(2);
-constexpr std::chrono::seconds kLoadBeforeEnd(1);
+constexpr std::uint64_t kLoadBeforeEnd = 200;
 
 std::string kib(std::uint64_t amount) {
     return std::to_string(amount) + " KiB";
@@ -59,6 +62,12 @@ void Soak::makeLoad(bool wanted) {
     device.shared.noEvents = !wanted;
 }
 
+std::uint64_t Soak::eventsRaised() const {
+    const auto& sent = device.shared.sent;
+    return std::accumulate(sent.begin(), sent.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const auto& stream) { return sum + stream; });
+}
+
 void Soak::goOn() {
     makeLoad(true);
     queries.resume();
@@ -77,8 +86,10 @@ void Soak::checkRestarts() const {
 
 /// In the middle of reports and events.
 void Soak::endHost() {
+    const std::uint64_t before = eventsRaised();
     makeLoad(true);
-    std::this_thread::sleep_for(kLoadBeforeEnd);
+    if (!test::waitUntil([&] { return eventsRaised() >= before + kLoadBeforeEnd; }))
+        problems.add("no events flow before the end");
     const auto begin = Clock::now();
     const auto code = device.end(kExitLimit);
     exitTook = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);

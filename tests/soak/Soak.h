@@ -34,6 +34,7 @@ public:
 private:
     void rest();
     void makeLoad(bool wanted);
+    std::uint64_t eventsRaised() const;
     void goOn();
     void checkRestarts() const;
     void endHost();
