@@ -1,6 +1,6 @@
 #include "common/Guids.h"
 
-#include "ktr/PluginBase.h"
+#include "ktr/PluginEntry.h"
 #include "ktr/common/Logger.h"
 
 #include <atomic>
@@ -38,20 +38,4 @@ private:
 
 } // namespace
 
-extern "C" {
-
-KTR_API void PluginLoad() {
-    ktr::registerPlugin([] { return std::make_shared<HeartbeatPlugin>(); },
-                        ktr::example::kHeartbeatGuid);
-}
-KTR_API void PluginUnLoad() {}
-KTR_API std::int32_t PluginType() {
-    return 3;
-}
-KTR_API const char* PluginName() {
-    return "heartbeat";
-}
-KTR_API const char* PluginGuid() {
-    return ktr::example::kHeartbeatGuid;
-}
-}
+KETRA_PLUGIN(HeartbeatPlugin, 3, "heartbeat", ktr::example::kHeartbeatGuid);

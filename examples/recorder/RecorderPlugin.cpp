@@ -3,7 +3,7 @@
 #include "common/Worker.h"
 #include "recorder/EventQueue.h"
 
-#include "ktr/PluginBase.h"
+#include "ktr/PluginEntry.h"
 #include "ktr/common/JsonAnswer.h"
 #include "ktr/common/Logger.h"
 #include "ktr/common/WebApiBasic.h"
@@ -187,9 +187,15 @@ private:
     const std::shared_ptr<HttpClient> service;
 };
 
+/// Outlives the plugin's objects: a service that comes back gets what came while it was away.
+std::shared_ptr<EventQueue> sharedQueue() {
+    static const auto queue = std::make_shared<EventQueue>(kMaxEvents);
+    return queue;
+}
+
 class RecorderPlugin final : public ktr::PluginBase {
 public:
-    explicit RecorderPlugin(std::shared_ptr<EventQueue> queue_) : queue(std::move(queue_)) {}
+    RecorderPlugin() = default;
     ~RecorderPlugin() override { end(); }
     RecorderPlugin(const RecorderPlugin&) = delete;
     RecorderPlugin& operator=(const RecorderPlugin&) = delete;
@@ -232,7 +238,7 @@ private:
         forwarder.reset();
     }
 
-    const std::shared_ptr<EventQueue> queue;
+    const std::shared_ptr<EventQueue> queue = sharedQueue();
 
     // guards what follows and the base's members; neither the route's handler nor the forwarder's
     // thread takes it
@@ -244,22 +250,4 @@ private:
 
 } // namespace
 
-extern "C" {
-
-KTR_API void PluginLoad() {
-    // the queue outlives the objects: a service that comes back gets what came while it was away
-    ktr::registerPlugin([queue = std::make_shared<EventQueue>(
-                             kMaxEvents)] { return std::make_shared<RecorderPlugin>(queue); },
-                        ktr::example::kRecorderGuid);
-}
-KTR_API void PluginUnLoad() {}
-KTR_API std::int32_t PluginType() {
-    return 2;
-}
-KTR_API const char* PluginName() {
-    return "recorder";
-}
-KTR_API const char* PluginGuid() {
-    return ktr::example::kRecorderGuid;
-}
-}
+KETRA_PLUGIN(RecorderPlugin, 2, "recorder", ktr::example::kRecorderGuid);

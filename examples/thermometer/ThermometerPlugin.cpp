@@ -2,7 +2,7 @@
 #include "common/HttpClient.h"
 #include "common/Worker.h"
 
-#include "ktr/PluginBase.h"
+#include "ktr/PluginEntry.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
@@ -139,20 +139,4 @@ private:
 
 } // namespace
 
-extern "C" {
-
-KTR_API void PluginLoad() {
-    ktr::registerPlugin([] { return std::make_shared<ThermometerPlugin>(); },
-                        ktr::example::kThermometerGuid);
-}
-KTR_API void PluginUnLoad() {}
-KTR_API std::int32_t PluginType() {
-    return 1;
-}
-KTR_API const char* PluginName() {
-    return "thermometer";
-}
-KTR_API const char* PluginGuid() {
-    return ktr::example::kThermometerGuid;
-}
-}
+KETRA_PLUGIN(ThermometerPlugin, 1, "thermometer", ktr::example::kThermometerGuid);
