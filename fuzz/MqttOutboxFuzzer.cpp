@@ -40,7 +40,8 @@ public:
         require(outbox.size() == waiting.size() + onTheWay.size(), "the outbox counts right");
         require(outbox.isIdle() == (waiting.empty() && onTheWay.empty()),
                 "it knows when it is idle");
-        require(outbox.canSend() == !waiting.empty(), "what waits can be sent");
+        require(outbox.canSend() == (!waiting.empty() && onTheWay.size() < MqttOutbox::maxOnTheWay),
+                "what waits can be sent while not too much is on its way");
     }
 
 private:
