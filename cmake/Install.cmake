@@ -33,6 +33,27 @@ function(ketra_install_program TARGET)
   install(TARGETS ${TARGET} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 endfunction()
 
+# ketra_install_output(TARGET FILE FOLDER words...): what the command prints, which runs the program
+# TARGET, as a file below share/.
+function(ketra_install_output TARGET FILE FOLDER)
+  set(output ${CMAKE_BINARY_DIR}/share/${FOLDER}/${FILE})
+  add_custom_command(OUTPUT ${output}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/share/${FOLDER}
+    # built for /usr, it does not know of this folder
+    COMMAND ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${CMAKE_LIBRARY_OUTPUT_DIRECTORY} ${ARGN} > ${output}
+    VERBATIM DEPENDS ${TARGET} ${PROJECT_SOURCE_DIR}/cmake/man-page)
+  string(MAKE_C_IDENTIFIER ${FOLDER}/${FILE} target)
+  add_custom_target(${target} ALL DEPENDS ${output})
+  install(FILES ${output} DESTINATION ${CMAKE_INSTALL_DATADIR}/${FOLDER} COMPONENT runtime)
+endfunction()
+
+# ketra_install_man_page(TARGET SECTION SUMMARY OTHER): made of what the program's --help says.
+function(ketra_install_man_page TARGET SECTION SUMMARY OTHER)
+  ketra_install_output(${TARGET} ${TARGET}.${SECTION} man/man${SECTION}
+    ${PROJECT_SOURCE_DIR}/cmake/man-page $<TARGET_FILE:${TARGET}>
+    ${SECTION} ${SUMMARY} ${PROJECT_VERSION} ${OTHER})
+endfunction()
+
 install(DIRECTORY include/ktr DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT KetraTargets NAMESPACE Ketra::
   DESTINATION ${KETRA_PACKAGE_DIR} COMPONENT development)
