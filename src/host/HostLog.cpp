@@ -1,5 +1,6 @@
 #include "HostLog.h"
 
+#include "OneLineChannel.h"
 #include "SteadyChannel.h"
 
 #include "ktr/common/Logger.h"
@@ -60,7 +61,8 @@ void setUpLog(const Settings& settings) {
         else
             cachedLogger().setChannel(file);
     }
-    cachedLogger().setChannel(Poco::makeAuto<SteadyChannel>(cachedLogger().getChannel()));
+    cachedLogger().setChannel(
+        Poco::makeAuto<OneLineChannel>(Poco::makeAuto<SteadyChannel>(cachedLogger().getChannel())));
     cachedLogger().setLevel(settings.logLevel);
     // never given back: Poco keeps a plain pointer until the process ends
     static auto* const errors = new ThreadErrors;

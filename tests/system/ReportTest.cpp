@@ -189,6 +189,19 @@ TEST_F(ReportTest, AServiceThatReportsWhilePluginsLoadIsNotAnsweredBeforeTheyHav
     EXPECT_TRUE(waitUntil([&] { return root.startsOf(service).size() == 2; }));
 }
 
+TEST_F(ReportTest, AGuidWithALineBreakForgesNoLineOfTheLog) {
+    HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    EXPECT_EQ(
+        httpPost(
+            host.port(), "/index/api/all/report",
+            {{"ip", "127.0.0.1"}, {"port", "41005"}, {"type", "1"}, {"guid", "g\nforged line"}})
+            .status,
+        200);
+    EXPECT_TRUE(host.waitLogged("guid: g?forged line,")) << host.err();
+    EXPECT_EQ(countOf(host.err(), "\nforged"), 0) << host.err();
+}
+
 TEST_F(ReportTest, APluginThatThrowsCostsItselfOnly) {
     root.addPlugin("bad-load", "load=throw\n");
     root.addPlugin("bad-start", "start=throw\n");
