@@ -89,10 +89,11 @@ public:
 
     /// Reports `ip` (not empty) and `port` (1025 to 65535) as the plugin's service would, over
     /// HTTP, and returns when start() of the new object has returned. An earlier object is stopped
-    /// and dropped before. Throws if the report is refused; if start() throws, whereupon the object
-    /// stays, as in the host; if no object can be made or its start is not reached, as when the
-    /// factory, setEventCallback or the earlier object's stop() throws; if the deadline passes,
-    /// whereupon start() may still be running; after deactivate().
+    /// before, and destroyed as soon as the thread that started it has let go of it, too. Throws if
+    /// the report is refused; if start() throws, whereupon the object stays, as in the host; if no
+    /// object can be made or its start is not reached, as when the factory, setEventCallback or the
+    /// earlier object's stop() throws; if the deadline passes, whereupon start() may still be
+    /// running; after deactivate().
     void activate(const std::string& ip, unsigned short port);
 
     /// Raises the event `text`, a JSON object whose "to" names the plugin, as the host does, and
