@@ -8,6 +8,8 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+#include <Poco/Message.h>
+
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -85,7 +87,8 @@ TEST_F(TestKit, LoadsAPluginAndTellsItsGuid) {
 
 TEST_F(TestKit, KeepsTheLogToItselfAndGivesChannelAndLevelBack) {
     Poco::Channel* const channel = cachedLogger().getChannel();
-    const int level = cachedLogger().getLevel();
+    const int level = Poco::Message::PRIO_NOTICE;
+    cachedLogger().setLevel(level);
     testing::internal::CaptureStderr();
     {
         const Kit kit(fixture("Complete"), {"listener"});
@@ -278,6 +281,8 @@ TEST_F(TestKit, RefusesToDeliverWhatWouldNotReachThePlugin) {
     EXPECT_THAT(failureOf([&] { kit.deliver(R"({"to":["unregisters-start"]})"); }),
                 HasSubstr("there is no object of the plugin"));
     kit.activate("127.0.0.1", 41'000);
+    // the thread that started it lets go of it last
+    ASSERT_TRUE(waitUntil([] { return calls().back() == "~"; }));
     EXPECT_THAT(failureOf([&] { kit.deliver(R"({"to":["unregisters-start"]})"); }),
                 HasSubstr("there is no object of the plugin"));
     for (const std::string text :
