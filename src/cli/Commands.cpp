@@ -3,7 +3,7 @@
 namespace ktr::cli {
 
 const std::vector<Command>& commands() {
-    static const std::vector<Command> all{completionCommand()};
+    static const std::vector<Command> all{reportCommand(), runCommand(), completionCommand()};
     return all;
 }
 

@@ -1,0 +1,107 @@
+#pragma once
+
+#include "EventOutput.h"
+
+#include "ktr/PluginBase.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace ktr::cli {
+
+/// Knows what a plugin does: its registration, the calls into it and what they throw, what it is
+/// delivered and what it raises.
+///
+/// Waits leave out what time a debugger has the process stopped. They end when the run shall end.
+///
+/// Thread safety: all functions may be called from any thread.
+class PluginWatch {
+public:
+    explicit PluginWatch(EventOutput& output_) : output(output_) {}
+
+    /// Has what plugins register from now on watched by `watch`, which lives until the process
+    /// ends.
+    static void begin(PluginWatch& watch);
+    /// Null before begin.
+    static PluginWatch* current();
+
+    /// A factory whose objects stand before those of `factory`.
+    std::function<std::shared_ptr<PluginBase>()>
+    watched(std::function<std::shared_ptr<PluginBase>()> factory, const std::string& guid);
+    /// The guids that were registered.
+    std::vector<std::string> registrations() const;
+
+    /// Makes a call into the plugin; `name` is kept as a pointer. Notes and tells what it throws,
+    /// and lets it out.
+    template <class Work>
+    auto call(const char* name, Work work) {
+        const Running entered(*this, name);
+        try {
+            return work();
+        } catch (...) {
+            noteThrown(name);
+            throw;
+        }
+    }
+
+    /// The plugin raised an event.
+    void raised(const std::string& event) { output.print(event); }
+    void started();
+    void delivered(const std::string& text);
+
+    /// Waits until a start() has returned or something was thrown; false if neither came in time.
+    bool waitStarted(std::chrono::seconds most);
+
+    /// From here on waits for `text` being delivered so often.
+    void expect(const std::string& text, int deliveries);
+    /// False if it was not delivered though the plugin did nothing else for `most`. A delivery that
+    /// does not return is waited for, but told of.
+    bool waitDelivered(std::chrono::seconds most);
+
+    /// What was thrown first, as "start(): reason"; empty if nothing was.
+    std::string firstThrown() const;
+    /// The call that has been running for longest; empty if there is none.
+    std::string runningCall() const;
+
+private:
+    struct Call {
+        const char* name;
+        /// From 1.
+        long number;
+    };
+
+    /// Enters a call among those that run, for as long as it lives.
+    class Running {
+    public:
+        Running(PluginWatch& watch_, const char* name);
+        ~Running();
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+
+    private:
+        PluginWatch& watch;
+        std::list<Call>::iterator at;
+    };
+
+    void noteThrown(const char* name);
+
+    EventOutput& output;
+    mutable std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> guids;
+    /// The one that has been running for longest first.
+    std::list<Call> running;
+    long calls = 0;
+    bool hasStarted = false;
+    std::string thrown;
+    std::string expected;
+    int missing = 0;
+};
+
+} // namespace ktr::cli
