@@ -169,6 +169,10 @@ void Session::demandStart() const {
     if (const std::string call = watch.runningCall(); !call.empty())
         throw Failure(ExitFindings, call + " of the plugin did not return" + within +
                                         "; set a longer --wait, or have it return sooner");
+    if (options.service.empty())
+        throw Failure(ExitFindings, "the plugin was not started" + within +
+                                        "; it may have unregistered itself, or the log tells why" +
+                                        hintToCheck(options.plugin));
     throw Failure(ExitFindings, options.service.string() + " did not report " + guid + within +
                                     "; it gets the port as its only argument, see 'ketra report "
                                     "--help'");
