@@ -41,7 +41,7 @@ struct Order {
 };
 
 std::string addressIn(const Arguments& arguments, const std::string& option) {
-    const std::string text = arguments.value(option).value_or("127.0.0.1");
+    std::string text = arguments.value(option).value_or("127.0.0.1");
     Poco::Net::IPAddress address;
     if (!Poco::Net::IPAddress::tryParse(text, address) || address.isWildcard())
         throw Failure(ExitUsage, "--" + option +

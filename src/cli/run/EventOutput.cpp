@@ -35,7 +35,7 @@ bool isObject(const std::string& text) {
 }
 
 std::string quoted(const std::string& text) {
-    const std::string asItIs = Poco::toJSON(text);
+    std::string asItIs = Poco::toJSON(text);
     // the parser demands UTF-8
     if (isJson("[" + asItIs + "]"))
         return asItIs;

@@ -17,7 +17,7 @@ Poco::JSON::Object::Ptr parseObject(const std::string& text) {
         Poco::JSON::Parser parser;
         return parser.parse(text).extract<Poco::JSON::Object::Ptr>();
     } catch (const Poco::BadCastException&) {
-        throw BadLine("it is JSON, but no object such as {\"api\":\"...\"}");
+        throw BadLine(R"(it is JSON, but no object such as {"api":"..."})");
     } catch (const Poco::Exception& e) {
         throw BadLine("it is no JSON object: " + e.message());
     }

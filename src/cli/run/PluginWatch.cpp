@@ -7,7 +7,6 @@
 #include <Poco/Exception.h>
 
 #include <algorithm>
-#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -30,8 +29,6 @@ private:
     std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
 };
 
-std::atomic<PluginWatch*> currentWatch{nullptr};
-
 std::string reasonOfException() {
     try {
         throw;
@@ -46,19 +43,15 @@ std::string reasonOfException() {
 
 } // namespace
 
-void PluginWatch::begin(PluginWatch& watch) {
-    currentWatch = &watch;
+void PluginWatch::registerPlugin(Factory factory, const char* guid) {
+    if (guid != nullptr) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        guids.emplace_back(guid);
+    }
+    Registrar::registerPlugin(watched(std::move(factory)), guid);
 }
 
-PluginWatch* PluginWatch::current() {
-    return currentWatch;
-}
-
-std::function<std::shared_ptr<PluginBase>()>
-PluginWatch::watched(std::function<std::shared_ptr<PluginBase>()> factory,
-                     const std::string& guid) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    guids.push_back(guid);
+Registrar::Factory PluginWatch::watched(Factory factory) {
     if (!factory)
         return factory;
     return [this, factory = std::move(factory)]() -> std::shared_ptr<PluginBase> {

@@ -2,7 +2,7 @@
 
 #include "EventOutput.h"
 
-#include "ktr/PluginBase.h"
+#include "../Registrar.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -21,19 +21,12 @@ namespace ktr::cli {
 /// Waits leave out what time a debugger has the process stopped. They end when the run shall end.
 ///
 /// Thread safety: all functions may be called from any thread.
-class PluginWatch {
+class PluginWatch : public Registrar {
 public:
     explicit PluginWatch(EventOutput& output_) : output(output_) {}
 
-    /// Has what plugins register from now on watched by `watch`, which lives until the process
-    /// ends.
-    static void begin(PluginWatch& watch);
-    /// Null before begin.
-    static PluginWatch* current();
-
-    /// A factory whose objects stand before those of `factory`.
-    std::function<std::shared_ptr<PluginBase>()>
-    watched(std::function<std::shared_ptr<PluginBase>()> factory, const std::string& guid);
+    /// Has watched objects stand before those of `factory`.
+    void registerPlugin(Factory factory, const char* guid) override;
     /// The guids that were registered.
     std::vector<std::string> registrations() const;
 
@@ -89,6 +82,7 @@ private:
         std::list<Call>::iterator at;
     };
 
+    Factory watched(Factory factory);
     void noteThrown(const char* name);
 
     EventOutput& output;

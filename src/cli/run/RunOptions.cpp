@@ -52,7 +52,7 @@ ServiceReport reportIn(const Arguments& arguments) {
 }
 
 std::string mqttUrlIn(const Arguments& arguments) {
-    const std::string url = arguments.value("mqtt-url").value_or("");
+    std::string url = arguments.value("mqtt-url").value_or("");
     // whoever may list processes reads the command line
     if (url.find('@') != std::string::npos)
         throw Failure(ExitUsage, "--mqtt-url must not hold user or password");

@@ -101,7 +101,7 @@ void Session::loadPlugin() {
     const std::filesystem::path root = std::filesystem::current_path();
     TimeLimit::refuseExit();
     guid = openPlugin(options.plugin);
-    PluginWatch::begin(watch);
+    Registrar::install(watch);
     try {
         const host::KeepStandardDescriptors keep;
         PluginLoadAll();
