@@ -3,7 +3,8 @@
 namespace ktr::cli {
 
 const std::vector<Command>& commands() {
-    static const std::vector<Command> all{reportCommand(), runCommand(), completionCommand()};
+    static const std::vector<Command> all{newCommand(), reportCommand(), runCommand(),
+                                          completionCommand()};
     return all;
 }
 
