@@ -120,7 +120,7 @@ TEST_F(New, makesAPluginWithItsService) {
 TEST_F(New, givesPluginAndServiceOneGuid) {
     ASSERT_EQ(0, run({"plugin", "hello"}).code);
     auto files = filesOf(work / "hello");
-    const std::regex entry(R"x(KETRA_PLUGIN\(HelloPlugin, 1, "hello", "(.*)"\))x");
+    const std::regex entry(R"x(KETRA_PLUGIN\(HelloPlugin, 1, "hello", "(.*)"\);)x");
     std::smatch found;
     ASSERT_TRUE(std::regex_search(files["HelloPlugin.cpp"], found, entry));
     EXPECT_THAT(files["ketra-hello"], HasSubstr("guid=" + found[1].str() + "\n"));
