@@ -91,10 +91,12 @@ void requireGuids(const std::vector<std::string>& guids, const std::string& plug
 std::string requireLoaded(const LogLines& log, std::size_t first, const std::string& file) {
     std::string missing;
     for (const std::string name :
-         {"PluginLoad", "PluginUnLoad", "PluginType", "PluginName", "PluginGuid"})
-        if (log.restOfLineSince(first,
-                                "error: interface '" + name + "' not exist, plugin: " + file))
+         {"PluginLoad", "PluginUnLoad", "PluginType", "PluginName", "PluginGuid"}) {
+        std::string line = "error: interface '";
+        line.append(name).append("' not exist, plugin: ").append(file);
+        if (log.restOfLineSince(first, line))
             missing += (missing.empty() ? "" : ", ") + name;
+    }
     if (!missing.empty())
         throw std::runtime_error("the plugin lacks the entry points " + missing +
                                  R"(; define them as extern "C" KTR_API)");

@@ -4,5 +4,5 @@ execute_process(COMMAND ${CMAKE_COMMAND} --preset release
   WORKING_DIRECTORY ${SOURCE} COMMAND_ERROR_IS_FATAL ANY)
 execute_process(
   COMMAND ${CMAKE_COMMAND} --build --preset release
-    --target KetraCommon KetraPlugins ketra-host ketra
+    --target KetraCommon KetraPlugins KetraTestKit ketra-host ketra
   WORKING_DIRECTORY ${SOURCE} COMMAND_ERROR_IS_FATAL ANY)
