@@ -6,6 +6,7 @@
 #include "MqttInbox.h"
 #include "MqttOutbox.h"
 #include "MqttTopic.h"
+#include "ReconnectDelay.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
@@ -171,15 +172,13 @@ struct __attribute__((visibility("hidden"))) MqttClient::Impl : MqttConnection::
     // the worker
 
     void keepConnected() {
-        const std::chrono::seconds shortest(settings.minReconnectSeconds);
-        const std::chrono::seconds longest(settings.maxReconnectSeconds);
-        std::chrono::seconds delay = shortest;
+        ReconnectDelay delay(std::chrono::seconds(settings.minReconnectSeconds),
+                             std::chrono::seconds(settings.maxReconnectSeconds));
+        Clock::duration up{};
         do {
             const Clock::time_point begin = Clock::now();
-            // a broker that takes each connection only to end it is no reason to hurry
-            if (runConnection() && Clock::now() - begin >= delay)
-                delay = shortest;
-        } while (pause(std::exchange(delay, std::min(delay * 2, longest))));
+            up = runConnection() ? Clock::now() - begin : Clock::duration::zero();
+        } while (pause(delay.next(up)));
     }
 
     /// From the attempt to the end of the connection; false if it was never up.

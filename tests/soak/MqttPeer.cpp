@@ -9,9 +9,9 @@
 namespace ktr::soak {
 namespace {
 
-// Both sides wait up to some seconds before they connect again, a plugin may be between two
-// objects.
-constexpr std::chrono::seconds kFlowPatience(30);
+// The host waits up to a minute before it connects again if the broker was restarted several times
+// in quick succession; a plugin may be between two objects.
+constexpr std::chrono::seconds kFlowPatience(75);
 constexpr std::chrono::milliseconds kProbeEvery(500);
 constexpr std::chrono::seconds kArrivalPatience(10);
 

@@ -46,7 +46,8 @@ public:
         /// Published by the broker when the connection is lost; none if its topic is empty.
         Message will;
         int keepAliveSeconds = 30;
-        /// Delay before reconnecting, doubled up to the maximum.
+        /// Delay before reconnecting, doubled up to the maximum until a connection has held for ten
+        /// seconds, or as long as the delay.
         int minReconnectSeconds = 1;
         int maxReconnectSeconds = 60;
         /// Messages kept while offline; when full, the oldest is dropped with a warning. While
