@@ -402,6 +402,16 @@ TEST_F(Run, RunsAFileWithAnotherNameButTellsIt) {
     EXPECT_THAT(tool.err(), HasSubstr("rename hello.so"));
 }
 
+TEST_F(Run, KeepsItsStreamsWhenThePluginClosesThem) {
+    root.addPlugin("puppet", "load=close\n");
+    RunningPuppet puppet(root);
+    ASSERT_TRUE(puppet.waitStarted()) << puppet.tool.err();
+    puppet.client().raise("{\"still\":\"there\"}");
+    EXPECT_TRUE(puppet.tool.waitOut("{\"still\":\"there\"}\n"));
+    puppet.tool.endInput();
+    EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();
+}
+
 // ---- the end
 
 TEST_F(Run, EndsInOrderByASignal) {
