@@ -3,8 +3,8 @@
 namespace ktr::cli {
 
 const std::vector<Command>& commands() {
-    static const std::vector<Command> all{newCommand(), reportCommand(), runCommand(),
-                                          completionCommand()};
+    static const std::vector<Command> all{newCommand(), checkCommand(), reportCommand(),
+                                          runCommand(), completionCommand()};
     return all;
 }
 
