@@ -21,7 +21,7 @@ TEST_F(Check, PrintsEachFileWithItsFindingsAndRemediesAndTheCounts) {
                   "    remedy: define it as: extern \"C\" KTR_API void PluginUnLoad()\n"
                   "  hint: does not say what it was built with, so that cannot be compared "
                   "[no-build-note]\n"
-                  "    remedy: include ktr/PluginEntry.h where its entry points are defined\n"
+                  "    remedy: make its entry points by KETRA_PLUGIN, of ktr/PluginEntry.h\n"
                   "2 paths checked: 1 fault, 1 hint\n");
 }
 

@@ -1,5 +1,7 @@
 #include "Installation.h"
 
+#include "ktr/PluginEntry.h"
+
 #include <Poco/Foundation.h>
 #include <Poco/Version.h>
 
@@ -34,11 +36,7 @@ std::string installedPoco() {
 }
 
 std::string installedCompiler() {
-#ifdef __clang__
-    return "clang " + std::string(__clang_version__);
-#else
-    return "gcc " + std::string(__VERSION__);
-#endif
+    return KETRA_ENTRY_COMPILER;
 }
 
 std::string installedCxx11Abi() {

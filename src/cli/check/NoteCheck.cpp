@@ -31,7 +31,7 @@ void checkNote(const ElfFile& file, FileReport& report) {
     if (!file.note) {
         report.hint("no-build-note",
                     "does not say what it was built with, so that cannot be compared",
-                    "include ktr/PluginEntry.h where its entry points are defined");
+                    "make its entry points by KETRA_PLUGIN, of ktr/PluginEntry.h");
         return;
     }
     std::map<std::string, std::string> noted = readNote(*file.note);
