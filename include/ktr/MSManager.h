@@ -23,7 +23,9 @@ namespace ktr {
 /// Where a microservice serves, as it last reported. A record handed out by
 /// MSManager::getMSProperty is updated in place when the service reports again.
 struct MSProperty {
+    /// Address, as text and unchecked.
     std::string ip;
+    /// Port, 0 to 65535.
     unsigned short port = 0;
 };
 
@@ -46,9 +48,13 @@ public:
     /// Always "MSNotification".
     std::string name() const override;
 
+    /// Sets what getRpcIp tells; any text.
     void setRpcIp(std::string ip);
+    /// Sets what getRpcPort tells.
     void setRpcPort(unsigned short port);
+    /// Sets what getMSGuid tells; any text.
     void setMSGuid(std::string guid);
+    /// Sets what getMsType tells.
     void setMsType(int type);
 
     /// Address at which the service serves its remote calls, as reported.

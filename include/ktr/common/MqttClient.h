@@ -15,10 +15,16 @@ namespace ktr {
 /// Thread safety: all functions may be called from any thread.
 class KTR_API MqttClient {
 public:
+    /// One message, to the broker or from it.
     struct Message {
+        /// UTF-8; without wildcards.
         std::string topic;
+        /// Any bytes.
         std::string payload;
+        /// 0: at most once, 1: at least once, 2: exactly once.
         int qos = 0;
+        /// Asks the broker to keep the message for those who subscribe later; of one that comes
+        /// from the broker, that it was kept.
         bool retained = false;
     };
 
@@ -29,26 +35,32 @@ public:
     /// all their handlers.
     using Handler = std::function<void(const Message& message)>;
 
+    /// How to reach the broker.
     struct Settings {
         /// tcp://host:port, mqtt://host:port, ssl://host:port or mqtts://host:port; empty for none.
         /// The ports may be left out (1883, 8883).
         std::string url;
         /// Empty for "ketra-" and a random part.
         std::string clientId;
+        /// User at the broker; empty for none.
         std::string user;
+        /// Password at the broker; empty for none.
         std::string password;
-        /// PEM files for TLS: authorities to trust (empty for the system's), own certificate and
-        /// key. The broker's certificate must be theirs and bear the host name or address of the
-        /// URL.
+        /// PEM file of the authorities to trust for TLS; empty for the system's. The broker's
+        /// certificate must be theirs and bear the host name or address of the URL.
         std::string caFile;
+        /// PEM file of the client's own certificate for TLS; empty for none.
         std::string certificateFile;
+        /// PEM file of that certificate's key; empty for none.
         std::string keyFile;
         /// Published by the broker when the connection is lost; none if its topic is empty.
         Message will;
+        /// After so long without traffic the broker is asked whether it is still there.
         int keepAliveSeconds = 30;
         /// Delay before reconnecting, doubled up to the maximum until a connection has held for ten
         /// seconds, or as long as the delay.
         int minReconnectSeconds = 1;
+        /// What that delay grows to at most.
         int maxReconnectSeconds = 60;
         /// Messages kept while offline; when full, the oldest is dropped with a warning. While
         /// connected, at least 1000 may wait for a slow broker.
@@ -75,6 +87,7 @@ public:
     /// more; not to be called from one.
     void disconnect();
 
+    /// Whether the broker has accepted the connection and it is not known to be lost.
     bool isConnected() const;
 
     /// Sends `message` (qos 0 to 2), or keeps it until connected; does not wait for either. Returns

@@ -20,6 +20,7 @@ namespace ktr {
 /// The target of one registration: forwards every notification to its handler.
 class Observer {
 public:
+    /// `name_` only identifies it; `handler_` may be empty.
     Observer(std::string name_, std::function<void(Poco::Notification*)> handler_)
         : name(std::move(name_)), handler(std::move(handler_)) {}
 

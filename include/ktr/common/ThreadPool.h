@@ -44,6 +44,7 @@ public:
     /// when no thread can be made, Poco::IllegalStateException after close(); the task is then
     /// dropped.
     void start(std::function<void()> task);
+    /// As above, under a name of its own.
     void start(std::function<void()> task, const std::string& name);
 
     /// Waits until every task accepted so far has ended. Holds no lock while it waits, so tasks may

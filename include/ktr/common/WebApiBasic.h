@@ -57,6 +57,7 @@ public:
 
     /// What a client may take of the server.
     struct Limits {
+        /// Longest body of a request, 413 beyond it.
         std::size_t bodyBytes = 1'048'576;
         /// Poco's limits go on top: 100 fields, each with 256 bytes of name and 8192 of value.
         std::size_t headerBytes = 16'384;

@@ -23,6 +23,7 @@ namespace ktr {
 /// Thread safety: all functions may be called from any thread.
 class KTR_API WebHookBasic {
 public:
+    /// Whom to tell, and how often to try.
     struct Settings {
         /// http or https; each report goes to every one of them. A user and password in it are sent
         /// as basic authentication; the log shows neither them nor a query. An https peer must bear
@@ -34,6 +35,7 @@ public:
         int attempts = 5;
         /// Before the second attempt; doubled for each further one, up to maxDelay.
         Poco::Timespan firstDelay{1, 0};
+        /// What that delay grows to at most.
         Poco::Timespan maxDelay{60, 0};
         /// Reports that may wait for each URL; when full, a new one is dropped for that URL with an
         /// error line.
