@@ -1,11 +1,15 @@
 #include "support/ChildProcess.h"
+#include "support/FreePort.h"
 #include "support/HostProcess.h"
+#include "support/HttpClient.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <sys/wait.h>
+#include <vector>
 
 namespace ktr {
 namespace {
@@ -15,6 +19,87 @@ namespace fs = std::filesystem;
 /// Runs a command with its output in `folder`; returns the exit code.
 int run(const std::vector<std::string>& command, const fs::path& folder) {
     return WEXITSTATUS(test::ChildProcess(command, folder / "out").wait());
+}
+
+constexpr const char* kStarted = "started plugin, guid: 0c2f6b9e-5d0a-4c55-9f6b-3f1f0d3c7a11";
+
+/// Puts a service where the host starts it, by a name that nothing else on the machine bears.
+fs::path installService(test::DeviceRoot& root, const std::string& program) {
+    const fs::path service = root.services() / root.addService();
+    fs::remove(service);
+    fs::copy_file(program, service);
+    fs::permissions(service, fs::perms::owner_all);
+    return service;
+}
+
+int countAt(const test::HostProcess& host) {
+    return test::httpPost(host.port(), "/counter/count").json()->getValue<int>("count");
+}
+
+TEST(PluginGuide, ItsPluginCountsItsEventsAndStartsAnewWithEachReport) {
+    test::DeviceRoot root;
+    test::install(KETRA_GUIDE_PLUGIN, root.plugins() / "libKetraPluginGuide.so");
+    test::HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    for (int reports = 1; reports <= 3; ++reports) {
+        ASSERT_EQ(run({"/bin/sh", KETRA_REPORT_BY_HAND, std::to_string(host.port())}, root.notes()),
+                  0);
+        ASSERT_TRUE(host.waitLogged(kStarted, reports)) << host.err();
+        // its own first event; an object that went on would count one more
+        EXPECT_TRUE(test::waitUntil([&] { return countAt(host) == 1; })) << countAt(host);
+    }
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+}
+
+class ServiceGuide : public testing::TestWithParam<const char*> {};
+
+TEST_P(ServiceGuide, ItsServiceStartsThePluginAndEndsWithTheHost) {
+    test::DeviceRoot root;
+    test::install(KETRA_GUIDE_PLUGIN, root.plugins() / "libKetraPluginGuide.so");
+    installService(root, GetParam());
+    test::HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    EXPECT_TRUE(host.waitLogged(kStarted)) << host.err();
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+    EXPECT_EQ(host.err().find("did not end within a second"), std::string::npos) << host.err();
+    EXPECT_EQ(host.err().find("exited, code"), std::string::npos) << host.err();
+}
+
+TEST_P(ServiceGuide, ItsServiceRepeatsAReportThatIsNotTaken) {
+    test::DeviceRoot root;
+    const std::string out = root.notes() / "out";
+    test::ChildProcess service({installService(root, GetParam()), std::to_string(test::freePort())},
+                               out);
+    EXPECT_TRUE(test::waitUntil(
+        [&] { return test::countOf(test::readFile(out), "did not take the report") >= 3; },
+        std::chrono::seconds(30)))
+        << test::readFile(out);
+    service.signal(SIGTERM);
+    const int status = service.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+INSTANTIATE_TEST_SUITE_P(InShellAndCpp, ServiceGuide,
+                         testing::Values(KETRA_GUIDE_SHELL_SERVICE, KETRA_GUIDE_SERVICE),
+                         [](const auto& service) { return service.index == 0 ? "Shell" : "Cpp"; });
+
+TEST(ReportGuide, ItsReportsAreTaken) {
+    test::DeviceRoot root;
+    test::HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    const std::string url =
+        "http://127.0.0.1:" + std::to_string(host.port()) + "/index/api/all/report";
+    const std::vector<std::vector<std::string>> commands{
+        {"/bin/sh", KETRA_REPORT_BY_HAND, std::to_string(host.port())},
+        {"/usr/bin/curl", "-s", "-H", "Content-Type: application/json", "--data",
+         std::string("@") + KETRA_REPORT, url}};
+    for (const std::vector<std::string>& command : commands) {
+        fs::remove(root.notes() / "out");
+        ASSERT_EQ(run(command, root.notes()), 0);
+        EXPECT_EQ(test::readFile(root.notes() / "out"), R"({"code":0,"msg":"success"})");
+    }
 }
 
 TEST(OperatorGuide, ItsDeviceRootSatisfiesTheHost) {
