@@ -102,6 +102,36 @@ TEST(ReportGuide, ItsReportsAreTaken) {
     }
 }
 
+TEST(IntegratorGuide, ItsHostRunsAPluginAndEndsInOrder) {
+    test::DeviceRoot root;
+    test::install(KETRA_GUIDE_PLUGIN, root.plugins() / "libKetraPluginGuide.so");
+    installService(root, KETRA_GUIDE_SERVICE);
+    const std::string out = root.notes() / "host.out";
+    test::ChildProcess host({KETRA_GUIDE_HOST, root.path().string()}, out);
+    const auto logged = [&out](const std::string& text) {
+        return test::waitUntil([&] { return test::readFile(out).find(text) != std::string::npos; },
+                               std::chrono::seconds(20));
+    };
+    EXPECT_TRUE(logged("ready on 127.0.0.1:")) << test::readFile(out);
+    EXPECT_TRUE(logged(kStarted)) << test::readFile(out);
+    EXPECT_TRUE(logged("edge reportServerStarted")) << test::readFile(out);
+    host.signal(SIGTERM);
+    const int status = host.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(logged("----end PluginUnLoadAll-plugin: counter")) << test::readFile(out);
+    EXPECT_TRUE(test::processesBelow(root.path()).empty());
+}
+
+TEST(IntegratorGuide, ItsHostEndsInOrderWhenItCannotStart) {
+    test::TempDir folder;
+    EXPECT_EQ(run({KETRA_GUIDE_HOST, (folder / "missing").string()}, folder.path()), 1);
+    EXPECT_NE(test::readFile(folder / "out").find("host: "), std::string::npos);
+}
+
+TEST(IntegratorGuide, ItsHostIsShort) {
+    EXPECT_LT(test::readLines(KETRA_GUIDE_HOST_SOURCE).size(), 80U);
+}
+
 TEST(OperatorGuide, ItsDeviceRootSatisfiesTheHost) {
     test::TempDir folder;
     const std::string enter = "cd '" + folder.path().string() + "' && . ";
