@@ -13,6 +13,7 @@
 #include <string_view>
 #include <type_traits>
 
+/// @file
 /// What makes a plugin of a class: one macro for the five entry points and the factory.
 ///
 ///     #include <ktr/PluginEntry.h>
