@@ -25,7 +25,7 @@ constexpr const char* kStarted = "started plugin, guid: 0c2f6b9e-5d0a-4c55-9f6b-
 
 /// Puts a service where the host starts it, by a name that nothing else on the machine bears.
 fs::path installService(test::DeviceRoot& root, const std::string& program) {
-    const fs::path service = root.services() / root.addService();
+    fs::path service = root.services() / root.addService();
     fs::remove(service);
     fs::copy_file(program, service);
     fs::permissions(service, fs::perms::owner_all);
@@ -45,7 +45,7 @@ TEST(PluginGuide, ItsPluginCountsItsEventsAndStartsAnewWithEachReport) {
         ASSERT_EQ(run({"/bin/sh", KETRA_REPORT_BY_HAND, std::to_string(host.port())}, root.notes()),
                   0);
         ASSERT_TRUE(host.waitLogged(kStarted, reports)) << host.err();
-        // its own first event; an object that went on would count one more
+        // its own first event, counted by a fresh object
         EXPECT_TRUE(test::waitUntil([&] { return countAt(host) == 1; })) << countAt(host);
     }
     host.signal(SIGTERM);
