@@ -54,6 +54,7 @@ namespace ktr {
 /// destructor. deliver and activate must not be called from there.
 class KTR_API TestKit {
 public:
+    /// What may differ from one test to another.
     struct Options {
         /// The broker of the client that plugins get. Without a url it is not connected; with one
         /// the constructor waits until it is.
@@ -72,6 +73,7 @@ public:
     /// text of PluginGuid; a guid to listen as is empty, repeated or the plugin's; no port is free;
     /// the broker is not reached. All is taken down again then.
     TestKit(const std::string& pluginFile, const std::vector<std::string>& listenAs);
+    /// As above, with other options than the default.
     TestKit(const std::string& pluginFile, const std::vector<std::string>& listenAs,
             const Options& options);
 

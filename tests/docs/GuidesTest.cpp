@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <sys/wait.h>
@@ -52,12 +53,28 @@ TEST(PluginGuide, ItsPluginCountsItsEventsAndStartsAnewWithEachReport) {
     EXPECT_EQ(host.waitForExit(), 0) << host.err();
 }
 
-class ServiceGuide : public testing::TestWithParam<const char*> {};
+/// Lets scripts find the command line tool.
+void putToolIntoPath() {
+    setenv("PATH", (std::string(KETRA_TOOL_DIR) + ":" + std::getenv("PATH")).c_str(), 1);
+}
 
-TEST_P(ServiceGuide, ItsServiceStartsThePluginAndEndsWithTheHost) {
+TEST(PluginGuide, ItsPluginRunsByItself) {
+    test::TempDir folder;
+    fs::create_directory(folder / "build");
+    test::install(KETRA_GUIDE_PLUGIN, folder / "build/libKetraPluginCounter.so");
+    putToolIntoPath();
+    const std::string enter = "cd '" + folder.path().string() + "' && . ";
+    EXPECT_EQ(run({"/bin/sh", "-ec", enter + KETRA_RUN}, folder.path()), 0);
+    // of the event that it sends itself, and of the one that was typed
+    const std::string out = test::readFile(folder / "out");
+    for (const char* count : {R"("count":1})", R"("count":2})"})
+        EXPECT_EQ(test::countOf(out, count), 1) << out;
+}
+
+void expectToStartThePluginAndToEndWithTheHost(const std::string& program) {
     test::DeviceRoot root;
     test::install(KETRA_GUIDE_PLUGIN, root.plugins() / "libKetraPluginGuide.so");
-    installService(root, GetParam());
+    installService(root, program);
     test::HostProcess host(root);
     ASSERT_TRUE(host.waitReady()) << host.err();
     EXPECT_TRUE(host.waitLogged(kStarted)) << host.err();
@@ -65,6 +82,12 @@ TEST_P(ServiceGuide, ItsServiceStartsThePluginAndEndsWithTheHost) {
     EXPECT_EQ(host.waitForExit(), 0) << host.err();
     EXPECT_EQ(host.err().find("did not end within a second"), std::string::npos) << host.err();
     EXPECT_EQ(host.err().find("exited, code"), std::string::npos) << host.err();
+}
+
+class ServiceGuide : public testing::TestWithParam<const char*> {};
+
+TEST_P(ServiceGuide, ItsServiceStartsThePluginAndEndsWithTheHost) {
+    expectToStartThePluginAndToEndWithTheHost(GetParam());
 }
 
 TEST_P(ServiceGuide, ItsServiceRepeatsAReportThatIsNotTaken) {
@@ -84,6 +107,11 @@ TEST_P(ServiceGuide, ItsServiceRepeatsAReportThatIsNotTaken) {
 INSTANTIATE_TEST_SUITE_P(InShellAndCpp, ServiceGuide,
                          testing::Values(KETRA_GUIDE_SHELL_SERVICE, KETRA_GUIDE_SERVICE),
                          [](const auto& service) { return service.index == 0 ? "Shell" : "Cpp"; });
+
+TEST(ReportGuide, ItsScriptLeavesTheReportToTheTool) {
+    putToolIntoPath();
+    expectToStartThePluginAndToEndWithTheHost(KETRA_REPORTING_SERVICE);
+}
 
 TEST(ReportGuide, ItsReportsAreTaken) {
     test::DeviceRoot root;
