@@ -147,8 +147,8 @@ void logFailedStep(const char* step) {
 
 } // namespace
 
-Host::Host(const Settings& settings_, StopControl& stop_)
-    : settings(settings_), stop(stop_), webApi(WebApiBasic::instance()),
+Host::Host(const Settings& settings_, StopControl& stop_, ServiceManager& manager_)
+    : settings(settings_), stop(stop_), manager(manager_), webApi(WebApiBasic::instance()),
       mqttClient(makeMqttClient(settings)) {
     configureAccess(*webApi, settings);
     configureWebHook(settings);
@@ -168,6 +168,11 @@ void Host::run() {
     shutDown();
 }
 
+void Host::enter(const Step& step) {
+    stop.enter(step.name);
+    manager.status(step.name);
+}
+
 void Host::startUp() {
     // Listens first, so that the port is known to the services and an early report waits; serves
     // last, so that somebody is there to act upon it.
@@ -184,12 +189,13 @@ void Host::startUp() {
         {"serve", [this] { webApi->serve(); }},
         {"start temperature thread",
          [this] { startTemperatureThread(settings.temperaturePeriod); }},
+        {"start watchdog", [this] { startWatchdog(); }},
         {"run", [this] { tellReady(); }},
     };
     for (const Step& step : steps) {
         if (stop.requested())
             return;
-        stop.enter(step.name);
+        enter(step);
         try {
             step.work();
         } catch (...) {
@@ -206,14 +212,18 @@ void Host::shutDown() {
         {"stop serving", [this] { webApi->stop(); }},
         {"finish plugin starts", [] { ThreadPool::defaultPool().joinAll(); }},
         {"unload plugins", PluginUnLoadAll},
+        {"end watchdog", [this] { watchdog.reset(); }},
         {"stop temperature thread", stopTemperatureThread},
         {"remove plugin api",
          [] { NotificationCenter::defaultCenter().removeObserver("MSNotification"); }},
         {"disconnect mqtt", [this] { mqttClient->disconnect(); }},
         {"stop web hook", [this] { stopWebHook(); }},
     };
+    manager.stopping();
+    if (watchdog)
+        watchdog->quit();
     for (const Step& step : steps) {
-        stop.enter(step.name);
+        enter(step);
         try {
             step.work();
         } catch (...) {
@@ -270,6 +280,12 @@ void Host::tellReady() {
     if (cachedLogger().information())
         cachedLogger().information(line, __FILE__, __LINE__);
     std::cout << line << std::endl;
+    manager.ready(line);
+}
+
+void Host::startWatchdog() {
+    if (manager.watchdogTime().count() > 0)
+        watchdog.emplace(manager, address);
 }
 
 // A last attempt must not use up what the watch over the shutdown still gives.

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "ServiceManager.h"
 #include "Settings.h"
 #include "StopControl.h"
+#include "Watchdog.h"
 
 #include "ktr/common/MqttClient.h"
 #include "ktr/common/WebApiBasic.h"
@@ -10,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace ktr::host {
 
@@ -17,8 +20,8 @@ namespace ktr::host {
 /// order. One thread calls it.
 class Host {
 public:
-    /// `stop_` outlives the host. Throws StartError for an URL that cannot be used.
-    Host(const Settings& settings_, StopControl& stop_);
+    /// `stop_` and `manager_` outlive the host. Throws StartError for an URL that cannot be used.
+    Host(const Settings& settings_, StopControl& stop_, ServiceManager& manager_);
 
     /// Returns when everything has been taken down, also after a request to stop that comes while
     /// it still starts: the running step ends, the others are left out. Throws StartError if a step
@@ -31,6 +34,7 @@ private:
         std::function<void()> work;
     };
 
+    void enter(const Step& step);
     void startUp();
     void shutDown();
     void bind();
@@ -38,15 +42,18 @@ private:
     void loadPlugins() const;
     void startServices() const;
     void tellReady();
+    void startWatchdog();
     void stopWebHook();
 
     const Settings settings;
     StopControl& stop;
+    ServiceManager& manager;
     const std::shared_ptr<WebApiBasic> webApi;
     const std::shared_ptr<MqttClient> mqttClient;
     Poco::Net::SocketAddress address;
     bool mayLoadPlugins = false;
     bool mayStartServices = false;
+    std::optional<Watchdog> watchdog;
 };
 
 } // namespace ktr::host

@@ -4,6 +4,7 @@
 #include "ExitGuard.h"
 #include "Host.h"
 #include "HostLog.h"
+#include "ServiceManager.h"
 #include "StopControl.h"
 
 #include "ktr/common/Logger.h"
@@ -98,6 +99,7 @@ void HostApplication::runHost(const std::vector<std::string>& arguments) {
     if (!arguments.empty())
         throw StartError(ExitUsage, "unexpected argument '" + arguments.front() +
                                         "'; ketra-host --help lists the options");
+    ServiceManager manager;
     if (!configFile.empty())
         raw.loadFile(configFile);
     const Settings settings = readSettings(raw);
@@ -106,7 +108,7 @@ void HostApplication::runHost(const std::vector<std::string>& arguments) {
         StopControl::install(stopSignals, std::chrono::seconds(settings.shutdownTimeout));
     const ExitGuard guard;
     try {
-        Host(settings, stop).run();
+        Host(settings, stop, manager).run();
     } catch (const StartError& e) {
         // with a log file, the log would not tell why it ends here
         if (!settings.logFile.empty() && cachedLogger().fatal())
