@@ -9,8 +9,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <poll.h>
+#include <thread>
 
 namespace ktr::test {
 namespace {
@@ -169,13 +171,30 @@ TEST_F(Run, KeepsEachEventOnALineOfItsOwn) {
 }
 
 TEST_F(Run, NeverMixesLinesOfSeveralThreads) {
-    const Fixture plugin("Floods");
-    RunningTool tool(runOf(plugin.path(), {"--log-level=none", "--keep"}));
-    ASSERT_TRUE(tool.waitOut("\n", 5000));
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.waitForExit(), 0) << tool.err();
-    for (const std::string& line : tool.outLines())
-        ASSERT_THAT(line, testing::MatchesRegex(R"(\{"to":\["[a-z]+"\],"raised":"thread".*\})"));
+    root.addPlugin("puppet");
+    RunningPuppet puppet(root, {"--log-level=none"});
+    ASSERT_TRUE(puppet.waitStarted()) << puppet.tool.err();
+    // more than goes out at once
+    const auto event = [](char letter) {
+        return "{\"letters\":\"" + std::string(100'000, letter) + "\"}";
+    };
+    constexpr int kEvents = 20;
+    Words expected;
+    std::vector<std::thread> threads;
+    for (const char letter : {'a', 'b', 'c', 'd'}) {
+        expected.insert(expected.end(), kEvents, event(letter));
+        threads.emplace_back([&, letter] {
+            for (int i = 0; i < kEvents; ++i)
+                puppet.client().raise(event(letter));
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    puppet.tool.endInput();
+    EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();
+    Words lines = puppet.tool.outLines();
+    std::sort(lines.begin(), lines.end());
+    EXPECT_TRUE(lines == expected);
 }
 
 // A flood drops others' events; the tool does not wait for those for ever.
