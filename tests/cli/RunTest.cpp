@@ -171,10 +171,13 @@ TEST_F(Run, KeepsEachEventOnALineOfItsOwn) {
 }
 
 TEST_F(Run, NeverMixesLinesOfSeveralThreads) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
     root.addPlugin("puppet");
-    RunningPuppet puppet(root, {"--log-level=none"});
+    RunningPuppet puppet(root, {"--log-level=none"}, "fd:" + std::to_string(ends[1]));
+    close(ends[1]);
     ASSERT_TRUE(puppet.waitStarted()) << puppet.tool.err();
-    // more than goes out at once
+    // more than the pipe takes at once
     const auto event = [](char letter) {
         return "{\"letters\":\"" + std::string(100'000, letter) + "\"}";
     };
@@ -188,11 +191,20 @@ TEST_F(Run, NeverMixesLinesOfSeveralThreads) {
                 puppet.client().raise(event(letter));
         });
     }
+    const auto copy = root.notes() / "out";
+    std::thread reader([&] {
+        std::ofstream out(copy);
+        std::array<char, 4096> part{};
+        for (ssize_t size = 0; (size = read(ends[0], part.data(), part.size())) > 0;)
+            out.write(part.data(), size);
+    });
     for (std::thread& thread : threads)
         thread.join();
     puppet.tool.endInput();
     EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();
-    Words lines = puppet.tool.outLines();
+    reader.join();
+    close(ends[0]);
+    Words lines = readLines(copy);
     std::sort(lines.begin(), lines.end());
     EXPECT_TRUE(lines == expected);
 }
