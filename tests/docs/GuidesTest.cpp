@@ -71,6 +71,20 @@ TEST(PluginGuide, ItsPluginRunsByItself) {
         EXPECT_EQ(test::countOf(out, count), 1) << out;
 }
 
+TEST(PluginGuide, ItsPluginPassesTheCheck) {
+    test::TempDir folder;
+    fs::create_directory(folder / "build");
+    const fs::path plugin = folder / "build/libKetraPluginCounter.so";
+    test::install(KETRA_GUIDE_PLUGIN, plugin);
+    putToolIntoPath();
+    const std::string enter = "cd '" + folder.path().string() + "' && . ";
+    EXPECT_EQ(run({"/bin/sh", "-ec", enter + KETRA_CHECK}, folder.path()), 0)
+        << test::readFile(folder / "out");
+    fs::resize_file(plugin, fs::file_size(plugin) / 2);
+    EXPECT_EQ(run({"/bin/sh", "-ec", enter + KETRA_CHECK}, folder.path()), 1)
+        << test::readFile(folder / "out");
+}
+
 void expectToStartThePluginAndToEndWithTheHost(const std::string& program) {
     test::DeviceRoot root;
     test::install(KETRA_GUIDE_PLUGIN, root.plugins() / "libKetraPluginGuide.so");
