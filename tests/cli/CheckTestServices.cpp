@@ -57,7 +57,7 @@ TEST_F(Check, GivesRemediesThatWorkAsTheyAre) {
     const std::string name = addScript("ketra-test-check-crlf it's", "#!/bin/sh\r\nexit 0\r\n");
     const CheckRun found = checkRoot();
     ASSERT_THAT(found.findings(name), ElementsAre("fault script-crlf"));
-    const std::string remedy =
+    const auto remedy =
         found.file(name)->getArray("findings")->getObject(0)->getValue<std::string>("remedy");
     ASSERT_EQ(std::system(remedy.substr(remedy.find(": ") + 2).c_str()), 0);
     EXPECT_THAT(checkRoot().findings(name), IsEmpty());
