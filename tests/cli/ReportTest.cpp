@@ -304,7 +304,7 @@ TEST(Report, EndsWithTheProcessThatStartedIt) {
     const TempDir folder;
     const FakeHost host;
     const std::string file = (folder / "pid").string();
-    ChildProcess service({"/bin/sh", "-c", "\"$0\" \"$@\" & echo $! > " + file + "; wait", KETRA,
+    ChildProcess service({"/bin/sh", "-c", R"("$0" "$@" & echo $! > )" + file + "; wait", KETRA,
                           "report", "--host-port=" + std::to_string(host.port()), "--guid=puppet",
                           "--port=23456", "--every=1"},
                          (folder / "out").string());

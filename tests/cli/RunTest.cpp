@@ -142,8 +142,10 @@ TEST_F(Run, DeliversManyEventsInOrder) {
 TEST_F(Run, GoesOnAfterABadLine) {
     const Fixture plugin("Complete");
     RunningTool tool(runOf(plugin.path()));
-    tool.type("nonsense\n[1]\n{\"to\":\"complete\"}\n{\"to\":[\"other\"]}\n" +
-              std::string(17'000'000, '{') + "\n{\"good\":1}\n");
+    std::string tooLong;
+    tooLong.resize(17'000'000, '{');
+    tool.type("nonsense\n[1]\n{\"to\":\"complete\"}\n{\"to\":[\"other\"]}\n" + tooLong +
+              "\n{\"good\":1}\n");
     tool.endInput();
     EXPECT_EQ(tool.waitForExit(), 0) << tool.err();
     for (const char* part : {"line 1: is left out: it is no JSON object", "line 2: is left out",
@@ -161,7 +163,7 @@ TEST_F(Run, KeepsEachEventOnALineOfItsOwn) {
     puppet.client().raise("no\njson");
     puppet.client().raise("[1]");
     puppet.client().raise("\xe4");
-    puppet.client().raise("{\"no\":\"receiver\"}");
+    puppet.client().raise(R"({"no":"receiver"})");
     puppet.tool.endInput();
     EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();
     EXPECT_THAT(puppet.tool.outLines(),
@@ -179,7 +181,7 @@ TEST_F(Run, NeverMixesLinesOfSeveralThreads) {
     ASSERT_TRUE(puppet.waitStarted()) << puppet.tool.err();
     // more than the pipe takes at once
     const auto event = [](char letter) {
-        return "{\"letters\":\"" + std::string(100'000, letter) + "\"}";
+        return R"({"letters":")" + std::string(100'000, letter) + R"("})";
     };
     constexpr int kEvents = 20;
     Words expected;
@@ -437,7 +439,7 @@ TEST_F(Run, KeepsItsStreamsWhenThePluginClosesThem) {
     root.addPlugin("puppet", "load=close\n");
     RunningPuppet puppet(root);
     ASSERT_TRUE(puppet.waitStarted()) << puppet.tool.err();
-    puppet.client().raise("{\"still\":\"there\"}");
+    puppet.client().raise(R"({"still":"there"})");
     EXPECT_TRUE(puppet.tool.waitOut("{\"still\":\"there\"}\n"));
     puppet.tool.endInput();
     EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();

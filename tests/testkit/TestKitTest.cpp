@@ -61,11 +61,13 @@ std::vector<std::string> calls() {
 
 /// With a temporary folder of its own, in which nothing may be left.
 class TestKit : public testing::Test {
+public:
+    TestKit(const TestKit&) = delete;
+    TestKit& operator=(const TestKit&) = delete;
+
 protected:
     TestKit() { setenv("TMPDIR", temp.path().c_str(), 1); } // NOLINT(concurrency-mt-unsafe)
     ~TestKit() override { EXPECT_TRUE(fs::is_empty(temp.path())); }
-    TestKit(const TestKit&) = delete;
-    TestKit& operator=(const TestKit&) = delete;
 
     std::string file(const std::string& name, const std::string& content) const {
         std::ofstream(other / name) << content;
@@ -403,7 +405,7 @@ TEST_F(TestKit, MayBeFollowedByOthersInTheSameProcess) {
     for (const std::string name : {"Complete", "Raises", "Complete"}) {
         Kit kit(fixture(name), {"listener"});
         kit.activate("127.0.0.1", 41'000);
-        kit.deliver("{\"to\":[\"listener\",\"" + kit.guid() + "\"]}");
+        kit.deliver(R"({"to":["listener",")" + kit.guid() + R"("]})");
         EXPECT_TRUE(kit.waitForEvent(20s));
     }
     const auto all = calls();
