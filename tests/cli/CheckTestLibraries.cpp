@@ -178,10 +178,12 @@ TEST_F(Check, TakesHintsForFaultsIfAsked) {
 
 TEST_F(Check, ComparesWhatAPluginWasBuiltWith) {
     const std::string abi = addChecked("OtherAbi");
+    const std::string ketra = addChecked("OtherKetra");
     const std::string poco = addChecked("OtherPoco");
     const std::string compiler = addChecked("OtherCompiler");
     const CheckRun found = check({"--no-load", root()});
     EXPECT_THAT(found.findings(abi), ElementsAre("fault other-cxx11-abi"));
+    EXPECT_THAT(found.findings(ketra), ElementsAre("fault other-ketra"));
     EXPECT_THAT(found.findings(poco), ElementsAre("fault other-poco"));
     EXPECT_THAT(found.texts(poco), HasSubstr("POCO 1.9.4"));
     EXPECT_THAT(found.findings(compiler), ElementsAre("hint other-compiler"));

@@ -2,6 +2,8 @@
 
 #include "Installation.h"
 
+#include "ktr/Version.h"
+
 #include <map>
 #include <sstream>
 
@@ -35,12 +37,18 @@ void checkNote(const ElfFile& file, FileReport& report) {
         return;
     }
     std::map<std::string, std::string> noted = readNote(*file.note);
-    for (const char* key : {"poco", "compiler", "cxx11abi"})
+    for (const char* key : {"ktr", "poco", "compiler", "cxx11abi"})
         if (noted.count(key) == 0) {
             report.hint("no-build-note", std::string("does not note its \"") + key + "\"",
                         kBuildAnew);
             return;
         }
+    if (majorAndMinor(noted["ktr"]) != majorAndMinor(KTR_VERSION))
+        report.fault("other-ketra",
+                     "was built for Ketra " + noted["ktr"] +
+                         ", this installation is " KTR_VERSION
+                         ": what they call of each other may differ",
+                     "build it with the package ketra-dev of this version");
     if (noted["cxx11abi"] != installedCxx11Abi())
         report.fault("other-cxx11-abi",
                      "was built with _GLIBCXX_USE_CXX11_ABI=" + noted["cxx11abi"] +
