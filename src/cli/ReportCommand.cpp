@@ -155,6 +155,7 @@ class Reporter {
 public:
     explicit Reporter(Order order_) : order(std::move(order_)) {}
 
+    // The pauses need nothing that wakes them: the signals that end it end the process.
     int run() {
         for (;;) {
             const std::optional<HostAnswer> answer = attempt();

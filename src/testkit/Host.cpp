@@ -118,6 +118,7 @@ void Host::connect() const {
             throw std::runtime_error("the MQTT broker was not reached within " +
                                      std::to_string(deadline.count()) +
                                      " ms; start it first, and check the settings of the client");
+        // the client tells nobody when it has connected
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 }

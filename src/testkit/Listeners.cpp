@@ -34,6 +34,7 @@ void (*openSpy(const std::string& file))(const char*) {
     void* const answer = spy != nullptr ? dlsym(spy, "ketraSpyAnswer") : nullptr;
     if (answer == nullptr)
         throw std::runtime_error("the test kit's listener cannot be loaded (" +
+                                 // the C library keeps the text for each thread
                                  std::string(dlerror()) + // NOLINT(concurrency-mt-unsafe)
                                  "); build the target KetraPluginSpy or install the test kit anew");
     return reinterpret_cast<void (*)(const char*)>(answer);

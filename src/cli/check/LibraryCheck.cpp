@@ -1,8 +1,8 @@
 #include "LibraryCheck.h"
 
 #include "ElfFile.h"
-#include "Installation.h"
 #include "LinkFindings.h"
+#include "MachineCheck.h"
 #include "NoteCheck.h"
 
 #include <array>
@@ -31,15 +31,9 @@ void checkName(FileReport& report) {
 
 /// Whether it is a library at all, for this machine.
 bool checkKind(const ElfFile& file, FileReport& report) {
-    const ElfFile& own = installation();
-    if (file.hasHeader() && !file.runsWhere(own))
-        report.fault("wrong-architecture",
-                     "is " + file.architecture() + "; this installation is " + own.architecture(),
-                     "build it with a compiler for " + own.architecture());
-    else if (file.isTruncated)
-        report.fault("truncated", "is not complete: it ends before what its headers name",
-                     "copy or build it again");
-    else if (!file.isSharedObject() || !file.isDynamic)
+    if (!checkMachine(file, report))
+        return false;
+    if (!file.isSharedObject() || !file.isDynamic)
         report.fault("not-shared",
                      std::string("is an ELF file, but no shared library") +
                          (file.isProgram()      ? ": it is a program"

@@ -3,6 +3,7 @@
 #include "ElfFile.h"
 #include "Installation.h"
 #include "LinkFindings.h"
+#include "MachineCheck.h"
 #include "ScriptCheck.h"
 #include "SearchPath.h"
 
@@ -25,15 +26,9 @@ bool isExecutable(const std::string& path) {
 }
 
 void checkProgram(const ElfFile& file, FileReport& report) {
-    const ElfFile& own = installation();
-    if (file.hasHeader() && !file.runsWhere(own))
-        report.fault("wrong-architecture",
-                     "is " + file.architecture() + "; this installation is " + own.architecture(),
-                     "build it with a compiler for " + own.architecture());
-    else if (file.isTruncated)
-        report.fault("truncated", "is not complete: it ends before what its headers name",
-                     "copy or build it again");
-    else if (!file.isProgram())
+    if (!checkMachine(file, report))
+        return;
+    if (!file.isProgram())
         report.fault("not-a-program",
                      "is an ELF file, but no program, so it cannot be launched; the host tries to "
                      "as long as it is executable",
@@ -43,7 +38,7 @@ void checkProgram(const ElfFile& file, FileReport& report) {
         report.fault("missing-interpreter",
                      "needs the dynamic linker " + file.interpreter + ", which is not there",
                      "build it for this machine's C library");
-    else if (file.interpreter == own.interpreter)
+    else if (file.interpreter == installation().interpreter)
         checkLinks(traceProgram(report.path), report);
 }
 

@@ -71,6 +71,7 @@ void TimeLimit::allowExit() {
 void TimeLimit::run() {
     pthread_setname_np(pthread_self(), "time-limit");
     for (;;) {
+        // ticks, since a clock would go on while a debugger has the process stopped
         std::this_thread::sleep_for(kTick);
         const std::lock_guard<std::mutex> lock(mutex);
         if (left.count() > 0 && (left -= kTick).count() <= 0)
