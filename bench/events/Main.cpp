@@ -1,0 +1,5 @@
+#include "Figures.h"
+
+int main(int argc, char** argv) {
+    return ktr::bench::run(argc, argv, ktr::bench::intakeFigures());
+}
