@@ -10,8 +10,11 @@
 #include <Poco/Net/TCPServerParams.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace ktr {
 namespace {
@@ -66,6 +69,27 @@ HttpServer::HttpServer(const std::string& ip, unsigned short port, RouteTable& r
                                           std::to_string(port) + ": " + e.displayText(),
                                       e.code());
     }
+}
+
+std::size_t HttpServer::discardWaiting() const {
+    std::size_t closed = 0;
+    // Those that wait come first, and no more than these: whoever goes on connecting meanwhile must
+    // not keep it here.
+    for (int i = 0; i <= kBacklog; ++i) {
+        const int client = ::accept4(socket.impl()->sockfd(), nullptr, nullptr, SOCK_CLOEXEC);
+        if (client >= 0) {
+            ::close(client);
+            ++closed;
+        } else if (errno == EAGAIN) {
+            break;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            const int code = errno;
+            throw Poco::SystemException(std::string("cannot close the connections that wait: ") +
+                                            std::strerror(code),
+                                        code);
+        }
+    }
+    return closed;
 }
 
 void HttpServer::start() {

@@ -8,6 +8,7 @@
 #include <Poco/Net/TCPServer.h>
 #include <Poco/ThreadPool.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +31,9 @@ public:
     HttpServer& operator=(const HttpServer&) = delete;
 
     Poco::Net::SocketAddress address() const { return socket.address(); }
+
+    /// Closes unread what waits to be accepted, and returns how many. Throws Poco::SystemException.
+    std::size_t discardWaiting() const;
 
     bool serving() const { return server.has_value(); }
     /// Starts answering. Throws Poco::SystemException.

@@ -79,6 +79,14 @@ Poco::Net::SocketAddress WebApiBasic::bind(const std::string& ip, unsigned short
     return impl->server->address();
 }
 
+std::size_t WebApiBasic::discardWaiting() {
+    if (!impl->server)
+        throw Poco::IllegalStateException("nobody waits for the web api before it is bound");
+    if (impl->server->serving())
+        throw Poco::IllegalStateException("the web api serves already; nobody waits");
+    return impl->server->discardWaiting();
+}
+
 void WebApiBasic::serve() {
     if (!impl->server)
         throw Poco::IllegalStateException("the web api serves only once it is bound; call bind");

@@ -35,7 +35,7 @@ namespace ktr {
 /// request that came in chunks. Without a content type an answer goes out as application/json.
 ///
 /// Thread safety: all functions may be called from any thread, also while the server runs, but for
-/// bind, serve and stop, which belong to one thread.
+/// bind, discardWaiting, serve and stop, which belong to one thread.
 class KTR_API WebApiBasic {
 public:
     /// Request parameters by name, from the query and from the body, which its Content-Type tells
@@ -127,6 +127,12 @@ public:
     /// Poco::Net::NetException with the address in its text when it cannot be bound, and
     /// Poco::IllegalStateException when already bound.
     Poco::Net::SocketAddress bind(const std::string& ip = "127.0.0.1", unsigned short port = 0);
+
+    /// Closes unread every connection that has come since bind(), whoever it is from, and returns
+    /// how many there were. Those that come later wait for serve(). Throws
+    /// Poco::IllegalStateException unless bound and not serving yet, Poco::SystemException when
+    /// the process lacks a descriptor for it; some connections may then be left.
+    std::size_t discardWaiting();
 
     /// Starts answering, on threads of its own. Throws Poco::IllegalStateException unless bound and
     /// not serving yet, Poco::SystemException when the process lacks a thread or descriptor for it.

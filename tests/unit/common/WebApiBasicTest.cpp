@@ -21,6 +21,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -911,6 +912,29 @@ TEST_F(WebApiBasicTest, HasEarlyClientsWaitUntilItServes) {
     EXPECT_THAT(early.answer(), EndsWith("x"));
 }
 
+TEST_F(WebApiBasicTest, ClosesUnreadWhoWaitsWhenItIsToldTo) {
+    std::atomic<int> calls{0};
+    api.apiRegist("/x", [&](auto&, HTTPServerResponse& response, const auto&) {
+        ++calls;
+        response.send() << "x";
+    });
+    address = api.bind();
+    EXPECT_EQ(api.discardWaiting(), 0U);
+    RawClient silent(address);
+    RawClient early(address);
+    early.send("GET /x HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(api.discardWaiting(), 2U);
+    EXPECT_TRUE(silent.closedByServer());
+    EXPECT_TRUE(early.closedByServer());
+
+    RawClient later(address);
+    later.send("GET /x HTTP/1.1\r\n\r\n");
+    EXPECT_FALSE(later.stream().poll(Poco::Timespan(0, 50'000), RawClient::readable));
+    api.serve();
+    EXPECT_THAT(later.answer(), EndsWith("x"));
+    EXPECT_EQ(calls, 1);
+}
+
 TEST_F(WebApiBasicTest, NamesTheAddressThatItCannotBind) {
     address = api.bind();
     WebApiBasic other;
@@ -932,14 +956,17 @@ TEST_F(WebApiBasicTest, NamesTheAddressThatItCannotBind) {
 
 TEST_F(WebApiBasicTest, RefusesCallsOutOfOrder) {
     EXPECT_THROW(api.serve(), Poco::IllegalStateException);
+    EXPECT_THROW(api.discardWaiting(), Poco::IllegalStateException);
     api.stop();
     api.bind();
     EXPECT_THROW(api.bind(), Poco::IllegalStateException);
     api.serve();
     EXPECT_THROW(api.serve(), Poco::IllegalStateException);
+    EXPECT_THROW(api.discardWaiting(), Poco::IllegalStateException);
     api.stop();
     api.stop();
     EXPECT_THROW(api.serve(), Poco::IllegalStateException);
+    EXPECT_THROW(api.discardWaiting(), Poco::IllegalStateException);
 }
 
 TEST_F(WebApiBasicTest, ServesTheSamePortAgainAfterAStop) {
@@ -1085,6 +1112,21 @@ std::chrono::nanoseconds processorTime() {
     timespec used{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+TEST_F(WebApiBasicTest, TellsWhenItHasNoDescriptorToCloseWhoWaits) {
+    address = api.bind();
+    RawClient early(address);
+    try {
+        const DescriptorLimit noneLeft;
+        api.discardWaiting();
+        FAIL() << "took a connection without a descriptor";
+    } catch (const Poco::SystemException& e) {
+        EXPECT_EQ(e.code(), EMFILE);
+        EXPECT_THAT(e.message(), EndsWith("Too many open files"));
+    }
+    EXPECT_EQ(api.discardWaiting(), 1U);
+    EXPECT_TRUE(early.closedByServer());
 }
 
 TEST_F(WebApiBasicTest, SurvivesHavingNoDescriptorsLeftWithoutSpinning) {
