@@ -2,6 +2,7 @@
 
 #include "ExitCode.h"
 #include "ExitGuard.h"
+#include "Leftovers.h"
 #include "ProcessSetup.h"
 #include "StrictModes.h"
 #include "Temperature.h"
@@ -175,12 +176,14 @@ void Host::enter(const Step& step) {
 
 void Host::startUp() {
     // Listens first, so that the port is known to the services and an early report waits; serves
-    // last, so that somebody is there to act upon it.
+    // last, so that somebody is there to act upon it. In between, before there is a plugin or a
+    // service, what outlived an earlier host goes with its reports.
     const std::vector<Step> steps{
         {"enter root", [this] { enterRoot(settings); }},
         {"bind", [this] { bind(); }},
         {"make event pools", makeEventPools},
         {"check trees", [this] { checkTrees(); }},
+        {"end leftovers", [this] { discardLeftovers(); }},
         {"load plugins", [this] { loadPlugins(); }},
         {"guard the default pool", guardDefaultPool},
         {"start services", [this] { startServices(); }},
@@ -249,6 +252,20 @@ void Host::checkTrees() {
     StrictModes strictModes(settings);
     mayLoadPlugins = strictModes.mayUse("plugins", "is not loaded");
     mayStartServices = strictModes.mayUse("microservices", "is not started, nor a report taken");
+}
+
+// Only with the port: a host that is started twice must not end the services of the one that runs.
+void Host::discardLeftovers() const {
+    if (!mayStartServices)
+        return;
+    endLeftovers();
+    // Nobody has been launched yet, so that no other service can have reported by now.
+    const std::size_t closed = webApi->discardWaiting();
+    if (closed != 0 && cachedLogger().information())
+        cachedLogger().information("closed unread what had connected before the leftovers were "
+                                   "ended, " +
+                                       std::to_string(closed) + " in all",
+                                   __FILE__, __LINE__);
 }
 
 /// What plugins do to the whole process while they load is undone where it would harm others.

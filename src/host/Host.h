@@ -39,6 +39,7 @@ private:
     void shutDown();
     void bind();
     void checkTrees();
+    void discardLeftovers() const;
     void loadPlugins() const;
     void startServices() const;
     void tellReady();

@@ -15,7 +15,26 @@ using testing::HasSubstr;
 
 class ReportTest : public testing::Test {
 protected:
+    /// Kills a host once plugin `guid` has started, and returns what is left of `service`.
+    pid_t leaveBehind(const std::string& service, const std::string& guid) const {
+        HostProcess killed(root, onFixedPort);
+        EXPECT_TRUE(killed.waitReady()) << killed.err();
+        EXPECT_TRUE(killed.waitLogged("started plugin, guid: " + guid)) << killed.err();
+        killed.signal(SIGKILL);
+        killed.waitForExit();
+        const auto starts = root.startsOf(service);
+        return starts.empty() ? 0 : starts.back().pid;
+    }
+
+    /// From its next start on the service does this, too.
+    void change(const std::string& service, const std::string& conf) const {
+        std::ofstream(root.services() / (service + ".conf"), std::ios::app) << conf << "\n";
+    }
+
     DeviceRoot root;
+    /// For hosts that come one after the other.
+    const unsigned short fixedPort = freePort();
+    const std::vector<std::string> onFixedPort{"--port=" + std::to_string(fixedPort)};
 };
 
 TEST_F(ReportTest, AServicesReportStartsItsPluginAndTellsTheWebHookOnce) {
@@ -63,7 +82,7 @@ TEST_F(ReportTest, TheWebHookIsToldOnlyAfterTheLastPluginHasStarted) {
     EXPECT_TRUE(waitUntil([&] { return hook.count() == 1; }));
 }
 
-// A service that outlived an earlier host knows the port and reports while this host still loads.
+// Whoever knows the port may report while the host still loads.
 TEST_F(ReportTest, AnEarlyReportWaitsUntilThereIsSomebodyToActUponIt) {
     root.addPlugin("early");
     root.addPlugin("slow", "load=hold\n");
@@ -150,43 +169,59 @@ INSTANTIATE_TEST_SUITE_P(Each, BadPortTest,
                                                  "report recieved port invalid: 1024"}),
                          [](const auto& tested) { return "Port" + tested.param.text; });
 
-// A service that outlived an earlier host goes on reporting, also while this host still loads. The
-// host ends it before it launches the service anew.
-TEST_F(ReportTest, AServiceThatReportsWhilePluginsLoadIsNotAnsweredBeforeTheyHave) {
+// A service that outlived an earlier host goes on reporting to this one, as soon as it listens.
+TEST_F(ReportTest, ALeftoverThatReportsIsGoneBeforePluginsLoadAndOthersWaitUntilTheyHave) {
     root.addPlugin("early");
     root.addPlugin("slow");
     const std::string service = root.addService("guid=early\nport=41030\nrepeat=yes");
-    const std::vector<std::string> port{"--port=" + std::to_string(freePort())};
-    pid_t outlived = 0;
-    {
-        HostProcess killed(root, port);
-        ASSERT_TRUE(killed.waitReady()) << killed.err();
-        ASSERT_TRUE(killed.waitLogged("started plugin, guid: early")) << killed.err();
-        outlived = root.startsOf(service).front().pid;
-        killed.signal(SIGKILL);
-        killed.waitForExit();
-    }
-    ASSERT_TRUE(isAlive(outlived));
-    // the next start of the service reports once
-    std::ofstream(root.services() / (service + ".conf"), std::ios::app) << "repeat=no\n";
+    const pid_t leftover = leaveBehind(service, "early");
+    ASSERT_TRUE(isAlive(leftover));
+    change(service, "repeat=no\nport=41031");
     std::ofstream(root.plugins() / "slow.conf") << "load=hold\n";
-    HostProcess host(root, port);
+
+    HostProcess host(root, onFixedPort);
     ASSERT_TRUE(waitUntil([&] { return root.isHeld("slow", "load"); })) << host.err();
-    // it waits for its answer now, and so it says no more
-    const auto isConnected = [&] {
-        const auto before = root.note(service, "answers").size();
-        return !waitUntil([&] { return root.note(service, "answers").size() != before; },
-                          std::chrono::milliseconds(500));
-    };
-    EXPECT_TRUE(waitUntil(isConnected));
+    EXPECT_FALSE(isAlive(leftover));
+    const std::string ended = "ended what was running as '" + service + "', 1 in all";
+    EXPECT_LT(host.err().find(ended), host.err().find("plugin name:")) << host.err();
+    const PuppetClient slow(fixedPort, "slow");
+    auto answer = std::async(std::launch::async, [&] { return slow.report(41032); });
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
     EXPECT_EQ(countOf(host.err(), "report recieved"), 0);
     root.letGo("slow", "load");
 
+    EXPECT_EQ(answer.get().body, kAccepted);
+    for (const char* guid : {"early", "slow"})
+        EXPECT_TRUE(host.waitLogged(std::string("started plugin, guid: ") + guid)) << host.err();
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+    EXPECT_EQ(countOf(host.err(), "report recieved"), 2) << host.err();
+    EXPECT_EQ(countOf(host.err(), "port=41030"), 0) << host.err();
+}
+
+// Two reports for one guid at once, of which one has an address at which nobody listens any more,
+// would start the plugin twice at the same time.
+TEST_F(ReportTest, WhatALeftoverReportsWhileItIsEndedIsNeverHandled) {
+    root.addPlugin("early");
+    const std::string service = root.addService("guid=early\nport=41040\nlast-word=yes");
+    const pid_t leftover = leaveBehind(service, "early");
+    ASSERT_TRUE(isAlive(leftover));
+    change(service, "last-word=no\nport=41041");
+
+    HostProcess host(root, onFixedPort);
     ASSERT_TRUE(host.waitReady()) << host.err();
-    EXPECT_FALSE(isAlive(outlived));
-    EXPECT_TRUE(host.waitLogged("started plugin, guid: early")) << host.err();
-    EXPECT_LT(host.err().find("load plugin count: 2"), host.err().find("report recieved"));
-    EXPECT_TRUE(waitUntil([&] { return root.startsOf(service).size() == 2; }));
+    EXPECT_FALSE(isAlive(leftover));
+    const PuppetClient plugin(fixedPort, "early");
+    ASSERT_TRUE(plugin.waitStarted()) << host.err();
+    EXPECT_EQ(plugin.state()->getValue<int>("port"), 41041);
+    EXPECT_EQ(countOf(host.err(), "closed unread what had connected before the leftovers were "
+                                  "ended, 1 in all"),
+              1)
+        << host.err();
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0) << host.err();
+    EXPECT_EQ(countOf(host.err(), "report recieved"), 1) << host.err();
+    EXPECT_EQ(countOf(host.err(), "starting plugin, guid: early"), 1) << host.err();
 }
 
 TEST_F(ReportTest, AGuidWithALineBreakForgesNoLineOfTheLog) {

@@ -77,6 +77,20 @@ TEST_F(UnsafeTreeTest, OfPluginsIsNotLoadedWhileServicesRun) {
     expectOrderlyEnd();
 }
 
+// Others could have given a service's name to a file, and have the host end whatever bears it.
+TEST_F(UnsafeTreeTest, OfServicesNamesNobodyToBeEnded) {
+    startHost();
+    ASSERT_TRUE(isLaunched());
+    host->signal(SIGKILL);
+    host->waitForExit();
+    const pid_t leftover = root.startsOf(service).front().pid;
+    letOthersWrite(root.services() / service);
+    startHost();
+    EXPECT_TRUE(host->waitLogged("Error microservices/ is not started, nor a report taken, "));
+    EXPECT_TRUE(isAlive(leftover));
+    EXPECT_THAT(host->err(), Not(HasSubstr("ended what was running as")));
+}
+
 TEST_F(UnsafeTreeTest, OfServicesIsNotStartedWhilePluginsAreLoaded) {
     letOthersWrite(root.services());
     startHost();

@@ -353,6 +353,17 @@ TEST_F(SupervisionTest, WhatAnEarlierHostLeftBehindIsEndedBeforeTheLaunch) {
     EXPECT_FALSE(isAlive(leftover));
 }
 
+TEST_F(SupervisionTest, ASecondHostOnTheSamePortEndsNoService) {
+    const std::string service = root.addService();
+    HostProcess host(root);
+    ASSERT_TRUE(host.waitReady()) << host.err();
+    const auto start = waitStart(service, 1);
+    HostProcess second(root, {"--port=" + std::to_string(host.port())});
+    EXPECT_EQ(second.waitForExit(), 71) << second.err();
+    EXPECT_EQ(countOf(second.err(), "ended what was running as"), 0) << second.err();
+    EXPECT_TRUE(isAlive(start.pid));
+}
+
 TEST_F(SupervisionTest, TheHostLimitsItsDescriptorsSensibly) {
     HostProcess host(root);
     ASSERT_TRUE(host.waitReady()) << host.err();
