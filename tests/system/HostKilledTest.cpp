@@ -143,6 +143,8 @@ protected:
     void killHost() {
         host->signal(SIGKILL);
         ASSERT_EQ(host->waitForExit(), 256 + SIGKILL) << host->err();
+        // a service that it had forked, but that is not executed yet, still holds its port
+        ASSERT_TRUE(waitUntil([this] { return !isHostForked(); }));
         for (const pid_t pid : processesBelow(root.path()))
             leftovers.insert(pid);
     }
@@ -217,6 +219,17 @@ private:
         std::filesystem::copy_file(KETRA_EXAMPLES_DIR "/microservices/ketra-recorder",
                                    root.services() / name,
                                    std::filesystem::copy_options::overwrite_existing);
+    }
+
+    /// Whether a process of this device's host runs the host's program.
+    bool isHostForked() const {
+        const auto isIt = [this](const std::filesystem::path& process) {
+            std::error_code gone;
+            return std::filesystem::read_symlink(process / "exe", gone) == KETRA_HOST &&
+                   std::filesystem::read_symlink(process / "cwd", gone) == root.path();
+        };
+        const std::filesystem::directory_iterator processes("/proc");
+        return std::any_of(begin(processes), end(processes), isIt);
     }
 
     /// How often each file below the services' folder runs.
