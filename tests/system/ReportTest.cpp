@@ -180,7 +180,9 @@ TEST_F(ReportTest, ALeftoverThatReportsIsGoneBeforePluginsLoadAndOthersWaitUntil
     std::ofstream(root.plugins() / "slow.conf") << "load=hold\n";
 
     HostProcess host(root, onFixedPort);
-    ASSERT_TRUE(waitUntil([&] { return root.isHeld("slow", "load"); })) << host.err();
+    // as long as a host may take to be ready
+    ASSERT_TRUE(waitUntil([&] { return root.isHeld("slow", "load"); }, std::chrono::seconds(30)))
+        << host.err();
     EXPECT_FALSE(isAlive(leftover));
     const std::string ended = "ended what was running as '" + service + "', 1 in all";
     EXPECT_LT(host.err().find(ended), host.err().find("plugin name:")) << host.err();
