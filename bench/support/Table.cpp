@@ -1,7 +1,10 @@
 #include "Table.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <iomanip>
+#include <sstream>
 
 namespace ktr::bench {
 namespace {
@@ -47,14 +50,18 @@ bool isWithin(const Limit& limit, const Result& result) {
     return limit.atLeast ? value >= limit.bound : value <= limit.bound;
 }
 
+std::string fixed(double value, int decimals) {
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(decimals) << value;
+    return text.str();
+}
+
 std::string number(double value) {
-    char text[32];
-    const int decimals = value == static_cast<long long>(value) || value >= 1000 ? 0
-                         : value >= 100                                          ? 1
-                         : value >= 1                                            ? 2
-                                                                                 : 3;
-    std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
+    const int decimals = value == std::trunc(value) || value >= 1000 ? 0
+                         : value >= 100                              ? 1
+                         : value >= 1                                ? 2
+                                                                     : 3;
+    return fixed(value, decimals);
 }
 
 std::string withUnit(double value, const Unit& unit) {
@@ -105,12 +112,10 @@ void printRow(const Row& row, const Result& result) {
     const auto cell = [&](bool known, const std::string& text) {
         return result.measured && known ? text : std::string("-");
     };
-    char ratio[32];
-    std::snprintf(ratio, sizeof ratio, "%.3f", result.ratio);
     std::printf("%-46s | %14s | %14s | %7s | %s%s\n", row.name.c_str(),
                 cell(result.hasFloor, withUnit(result.floor, row.unit)).c_str(),
                 cell(true, withUnit(result.ours, row.unit)).c_str(),
-                cell(result.hasFloor, ratio).c_str(), limitText(row).c_str(),
+                cell(result.hasFloor, fixed(result.ratio, 3)).c_str(), limitText(row).c_str(),
                 result.withinLimit ? "" : "  MISSED");
     std::fflush(stdout);
 }
