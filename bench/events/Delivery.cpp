@@ -7,7 +7,7 @@
 namespace ktr::bench {
 namespace {
 
-constexpr std::size_t kEvents = 20'000;
+constexpr std::size_t kEvents = 10'000;
 
 template <class Way>
 void deliverAll(benchmark::State& state, const std::string& event, std::size_t recipients) {
@@ -43,7 +43,7 @@ Figure deliveryOf(std::size_t size, const std::string& sizeText, std::size_t rec
         {name + ", beside a bare loop", kPerSecond, "ours", "hand", ratioAtLeast(0.45), "events"},
         {name + ", beside a bare hand-off", kPerSecond, "ours", "batch", ratioAtLeast(0.95),
          "events"}};
-    figure.rounds = 7;
+    figure.rounds = 11;
     figure.iterations = 1;
     return figure;
 }

@@ -6,6 +6,7 @@
 #include "support/Memory.h"
 #include "support/WaitUntil.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -17,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kSlow = 1;
 constexpr std::size_t kRapid = 2;
-constexpr int kProducers = 4;
+constexpr std::size_t kProducers = 4;
 constexpr std::size_t kBytes = 1024;
 constexpr std::chrono::milliseconds kWork(1);
 constexpr std::chrono::milliseconds kRapidInterval(5);
@@ -76,7 +77,8 @@ void overload(benchmark::State& state) {
     while (state.KeepRunning()) {
         const Clock::time_point end = Clock::now() + kDuration;
         std::vector<std::thread> producers;
-        for (int i = 0; i < kProducers; ++i)
+        producers.reserve(kProducers);
+        for (std::size_t i = 0; i < kProducers; ++i)
             producers.emplace_back(
                 [end] { raiseUntil(end, eventText(kBytes, kSlow), Clock::duration::zero()); });
         rapid = raiseUntil(end, eventText(kBytes, kRapid, 1, kRapidApi), kRapidInterval);
