@@ -1,5 +1,6 @@
 #include "ktr/common/ThreadPool.h"
 
+#include "HandOver.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -16,39 +18,61 @@
 
 namespace ktr {
 
-/// How many accepted tasks have not ended yet.
+/// How many accepted tasks have not ended yet. Counted without a lock: every task comes by twice.
 struct ThreadPool::Progress {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int pending = 0;
-    bool closed = false;
+    explicit Progress(int threads_) : threads(threads_) {}
 
     void enter() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (closed)
-            throw Poco::IllegalStateException("thread pool is closed");
         ++pending;
+        if (!closed)
+            return;
+        leave();
+        throw Poco::IllegalStateException("thread pool is closed");
     }
 
     void leave() {
-        const std::lock_guard<std::mutex> lock(mutex);
         --pending;
+        // whoever begins to wait after this look sees the new count
+        if (waiting == 0)
+            return;
+        const std::lock_guard<std::mutex> lock(mutex);
         changed.notify_all();
     }
+
+    /// Returns when no more than `most` tasks are left.
+    void wait(int most) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++waiting;
+        changed.wait(lock, [&] { return pending <= most; });
+        --waiting;
+    }
+
+    /// Poco counts a thread that looks for a task as busy. So that nobody is told that there is no
+    /// free thread while one looks for work, none does unless another is free.
+    bool hasOtherFreeThreads() const { return pending + 1 < threads; }
+
+    const int threads;
+    std::atomic<int> pending{0};
+    std::atomic<bool> closed{false};
+    std::atomic<int> waiting{0};
+    std::mutex mutex;
+    std::condition_variable changed;
+    HandOver handOver;
 };
 
-/// One accepted task; deletes itself when it has run. Hidden, or it would be offered to others with
-/// the class around it.
-class __attribute__((visibility("hidden"))) ThreadPool::Task : public Poco::Runnable {
+/// Runs an accepted task, and those that are handed to it right after; deletes itself then. Hidden,
+/// or it would be offered to others with the class around it.
+class __attribute__((visibility("hidden"))) ThreadPool::Worker : public Poco::Runnable {
 public:
-    Task(std::function<void()> work_, std::string name_, std::shared_ptr<Progress> progress_)
-        : work(std::move(work_)), name(std::move(name_)), progress(std::move(progress_)) {}
+    Worker(HandOver::Work work_, std::shared_ptr<Progress> progress_)
+        : work(std::move(work_)), progress(std::move(progress_)) {}
 
     void run() override {
-        const std::unique_ptr<Task> self(this);
-        const std::shared_ptr<Progress> kept = std::move(progress);
-        const Turn turn(*kept);
-        execute();
+        const std::unique_ptr<Worker> self(this);
+        do {
+            const Turn turn(*progress);
+            execute();
+        } while (progress->handOver.take(work, [this] { return progress->hasOtherFreeThreads(); }));
     }
 
     /// The pool whose task runs on this thread, if any.
@@ -72,7 +96,7 @@ private:
 
     void execute() {
         try {
-            const std::function<void()> once = std::move(work);
+            const std::function<void()> once = std::move(work.task);
             once();
         } catch (const Poco::Exception& e) {
             logFailure(e.displayText());
@@ -85,21 +109,20 @@ private:
 
     void logFailure(const std::string& reason) const {
         if (cachedLogger().error())
-            cachedLogger().error(Poco::format("task '%s' failed: %s", name, reason), __FILE__,
+            cachedLogger().error(Poco::format("task '%s' failed: %s", work.name, reason), __FILE__,
                                  __LINE__);
     }
 
-    std::function<void()> work;
-    std::string name;
-    std::shared_ptr<Progress> progress;
+    HandOver::Work work;
+    const std::shared_ptr<Progress> progress;
 };
 
-thread_local ThreadPool::Progress* ThreadPool::Task::current = nullptr;
+thread_local ThreadPool::Progress* ThreadPool::Worker::current = nullptr;
 
 ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                        int stackSize)
     : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize),
-      progress(std::make_shared<Progress>()) {}
+      progress(std::make_shared<Progress>(maxCapacity)) {}
 
 ThreadPool::~ThreadPool() {
     close();
@@ -107,38 +130,31 @@ ThreadPool::~ThreadPool() {
 }
 
 void ThreadPool::start(std::function<void()> task) {
-    submit(std::move(task), name());
+    start(std::move(task), name());
 }
 
 void ThreadPool::start(std::function<void()> task, const std::string& name) {
-    submit(std::move(task), name);
-}
-
-void ThreadPool::submit(std::function<void()> task, const std::string& name) {
-    auto work = std::make_unique<Task>(std::move(task), name, progress);
     progress->enter();
     try {
-        Poco::ThreadPool::start(*work, name);
+        if (progress->handOver.give(task, name))
+            return;
+        auto worker = std::make_unique<Worker>(HandOver::Work{std::move(task), name}, progress);
+        Poco::ThreadPool::start(*worker);
+        // it owns itself from here on
+        static_cast<void>(worker.release());
     } catch (...) {
         progress->leave();
         throw;
     }
-    // the task owns itself from here on
-    static_cast<void>(work.release());
 }
 
 // Poco's joinAll holds the lock that available() takes while it waits.
 void ThreadPool::joinAll() {
-    const int own = Task::current == progress.get() ? 1 : 0;
-    std::unique_lock<std::mutex> lock(progress->mutex);
-    progress->changed.wait(lock, [&] { return progress->pending <= own; });
+    progress->wait(Worker::current == progress.get() ? 1 : 0);
 }
 
 void ThreadPool::close() {
-    {
-        const std::lock_guard<std::mutex> lock(progress->mutex);
-        progress->closed = true;
-    }
+    progress->closed = true;
     joinAll();
 }
 

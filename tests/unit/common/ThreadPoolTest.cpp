@@ -11,11 +11,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace ktr {
 namespace {
@@ -53,6 +56,54 @@ TEST(ThreadPool, TellsTheTruthAboutFreeThreads) {
     EXPECT_THROW(pool->start([] {}), Poco::NoThreadAvailableException);
     release.set_value();
     EXPECT_TRUE(waitUntil([&] { return pool->available() == 2; }));
+}
+
+/// Keeps the processor busy, as what a caller does between two tasks.
+void work(std::chrono::microseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end)
+        continue;
+}
+
+TEST(ThreadPool, TakesATaskWheneverItHasAFreeThread) {
+    constexpr int tasks = 5000;
+    for (const int capacity : {1, 2, 4}) {
+        const auto pool = makePool(capacity);
+        std::atomic<int> ran{0};
+        for (int i = 0; i < tasks; ++i) {
+            while (pool->available() == 0)
+                std::this_thread::yield();
+            ASSERT_NO_THROW(pool->start([&] { ++ran; }));
+            // from well below to well above the time for which a thread looks for another task
+            work(std::chrono::microseconds(i % 30));
+        }
+        pool->joinAll();
+        EXPECT_EQ(ran, tasks);
+    }
+}
+
+TEST(ThreadPool, RunsWhatSeveralThreadsGiveItOnceEach) {
+    constexpr int givers = 4;
+    constexpr int tasks = 2000;
+    const auto pool = makePool(givers);
+    std::vector<std::atomic<int>> runs(givers * tasks);
+    std::vector<std::thread> threads;
+    for (int giver = 0; giver < givers; ++giver)
+        threads.emplace_back([&, giver] {
+            for (int i = 0; i < tasks;)
+                try {
+                    pool->start(
+                        [&run = runs[static_cast<std::size_t>(giver * tasks + i)]] { ++run; });
+                    ++i;
+                } catch (const Poco::NoThreadAvailableException&) {
+                    std::this_thread::yield();
+                }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    pool->joinAll();
+    EXPECT_TRUE(std::all_of(runs.begin(), runs.end(), [](const auto& run) { return run == 1; }));
+    EXPECT_EQ(pool->available(), givers);
 }
 
 TEST(ThreadPool, LogsWhatATaskThrowsWithItsName) {

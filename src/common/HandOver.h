@@ -1,0 +1,80 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace ktr {
+
+/// Where a pool's worker that has just ended a task waits a moment for the next one. Under load a
+/// task then changes hands without a call of the system, where to wake a sleeping thread costs
+/// giver and taker more than most tasks take. At most one worker waits at a time.
+class HandOver {
+public:
+    struct Work {
+        std::function<void()> task;
+        std::string name;
+    };
+
+    /// Returns false, and leaves `task` alone, if no worker waits.
+    bool give(std::function<void()>& task, const std::string& name) {
+        State expected = State::Awaited;
+        if (!state.compare_exchange_strong(expected, State::Filling))
+            return false;
+        try {
+            place.name = name;
+        } catch (...) {
+            state = State::Awaited;
+            throw;
+        }
+        place.task = std::move(task);
+        state = State::Full;
+        return true;
+    }
+
+    /// Called by a worker that has no task; returns false if another waits already, or nothing came
+    /// in time. Does not wait unless `mayWait()` agrees, which is asked when tasks come here first.
+    template <class Condition>
+    bool take(Work& work, Condition mayWait) {
+        State expected = State::Empty;
+        if (!state.compare_exchange_strong(expected, State::Awaited))
+            return false;
+        if (mayWait())
+            await();
+        expected = State::Awaited;
+        if (state.compare_exchange_strong(expected, State::Empty))
+            return false;
+        while (state != State::Full)
+            std::this_thread::yield();
+        std::swap(work.name, place.name);
+        work.task = std::move(place.task);
+        state = State::Empty;
+        return true;
+    }
+
+private:
+    enum class State { Empty, Awaited, Filling, Full };
+    using Clock = std::chrono::steady_clock;
+
+    // about what it costs to fall asleep and be woken
+    static constexpr std::chrono::microseconds kPatience{10};
+
+    void await() const {
+        static const bool alone = std::thread::hardware_concurrency() < 2;
+        // who gives could not run meanwhile
+        if (alone)
+            return;
+        const auto end = Clock::now() + kPatience;
+        while (state == State::Awaited && Clock::now() < end)
+            continue;
+    }
+
+    std::atomic<State> state{State::Empty};
+    // of whoever has made the state Filling or found it Full
+    Work place;
+};
+
+} // namespace ktr
