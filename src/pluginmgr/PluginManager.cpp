@@ -79,6 +79,10 @@ static std::atomic<bool> s_is_discard_message{false};
 static std::shared_ptr<ThreadPool> s_thread_pool;
 static std::shared_ptr<ThreadPool> s_rapid_thread_pool;
 
+// made once, not for every event
+static const std::string s_task_name("eventCallback");
+static const std::string s_rapid_task_name("rapidEventCallBack");
+
 static constexpr std::size_t kQueueLimit = 50;
 static constexpr std::size_t kRapidQueueLimit = 20;
 static constexpr unsigned short kHighestReservedPort = 1024;
@@ -324,7 +328,7 @@ static void sQueueRapid(const std::shared_ptr<Message>& message) {
     s_rapid_transform_message_queue->push_back(message);
     try {
         if (s_rapid_thread_pool->available() > 0)
-            sSubmit(s_rapid_transform_message_queue, *s_rapid_thread_pool, "rapidEventCallBack");
+            sSubmit(s_rapid_transform_message_queue, *s_rapid_thread_pool, s_rapid_task_name);
     } catch (const std::exception& e) {
         KTR_LOG(information, e.what());
     }
@@ -339,7 +343,7 @@ static void sQueueNormal(const std::shared_ptr<Message>& message) {
     s_transform_message_queue->push_back(message);
     try {
         if (s_thread_pool && s_thread_pool->available() > 0)
-            sSubmit(s_transform_message_queue, *s_thread_pool, "eventCallback");
+            sSubmit(s_transform_message_queue, *s_thread_pool, s_task_name);
     } catch (const std::exception& e) {
         KTR_LOG(information, e.what());
     }
