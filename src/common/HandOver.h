@@ -30,7 +30,7 @@ public:
             state = State::Awaited;
             throw;
         }
-        place.task = std::move(task);
+        place.task.swap(task);
         state = State::Full;
         return true;
     }
@@ -69,7 +69,16 @@ private:
             return;
         const auto end = Clock::now() + kPatience;
         while (state == State::Awaited && Clock::now() < end)
-            continue;
+            relax();
+    }
+
+    /// Leaves the processor's units to the other thread where two share a core.
+    static void relax() {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#elif defined(__aarch64__)
+        asm volatile("yield");
+#endif
     }
 
     std::atomic<State> state{State::Empty};

@@ -21,6 +21,9 @@ namespace ktr {
 /// How many accepted tasks have not ended yet. Counted without a lock: every task comes by twice.
 struct ThreadPool::Progress {
     explicit Progress(int threads_) : threads(threads_) {}
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
 
     void enter() {
         ++pending;
@@ -58,21 +61,33 @@ struct ThreadPool::Progress {
     std::mutex mutex;
     std::condition_variable changed;
     HandOver handOver;
+    /// One that has nothing to do, for the next task.
+    std::atomic<Worker*> spare{nullptr};
 };
 
-/// Runs an accepted task, and those that are handed to it right after; deletes itself then. Hidden,
-/// or it would be offered to others with the class around it.
+/// Runs an accepted task, and those that are handed to it right after; belongs to itself meanwhile.
+/// Hidden, or it would be offered to others with the class around it.
 class __attribute__((visibility("hidden"))) ThreadPool::Worker : public Poco::Runnable {
 public:
-    Worker(HandOver::Work work_, std::shared_ptr<Progress> progress_)
-        : work(std::move(work_)), progress(std::move(progress_)) {}
+    static std::unique_ptr<Worker> make(const std::shared_ptr<Progress>& progress,
+                                        std::function<void()> task, const std::string& name) {
+        std::unique_ptr<Worker> worker(progress->spare.exchange(nullptr));
+        if (!worker)
+            worker = std::make_unique<Worker>();
+        worker->work.name = name;
+        worker->work.task = std::move(task);
+        worker->progress = progress;
+        return worker;
+    }
 
     void run() override {
-        const std::unique_ptr<Worker> self(this);
+        // the pool may end meanwhile, and a spare one must not keep what it belongs to
+        const std::shared_ptr<Progress> kept = std::move(progress);
         do {
-            const Turn turn(*progress);
+            const Turn turn(*kept);
             execute();
-        } while (progress->handOver.take(work, [this] { return progress->hasOtherFreeThreads(); }));
+        } while (kept->handOver.take(work, [&] { return kept->hasOtherFreeThreads(); }));
+        delete kept->spare.exchange(this);
     }
 
     /// The pool whose task runs on this thread, if any.
@@ -96,7 +111,7 @@ private:
 
     void execute() {
         try {
-            const std::function<void()> once = std::move(work.task);
+            const std::function<void()> once = std::exchange(work.task, nullptr);
             once();
         } catch (const Poco::Exception& e) {
             logFailure(e.displayText());
@@ -114,8 +129,12 @@ private:
     }
 
     HandOver::Work work;
-    const std::shared_ptr<Progress> progress;
+    std::shared_ptr<Progress> progress;
 };
+
+ThreadPool::Progress::~Progress() {
+    delete spare;
+}
 
 thread_local ThreadPool::Progress* ThreadPool::Worker::current = nullptr;
 
@@ -138,7 +157,7 @@ void ThreadPool::start(std::function<void()> task, const std::string& name) {
     try {
         if (progress->handOver.give(task, name))
             return;
-        auto worker = std::make_unique<Worker>(HandOver::Work{std::move(task), name}, progress);
+        auto worker = Worker::make(progress, std::move(task), name);
         Poco::ThreadPool::start(*worker);
         // it owns itself from here on
         static_cast<void>(worker.release());
