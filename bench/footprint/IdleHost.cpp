@@ -47,7 +47,7 @@ bool IdleHost::isAtRest() const {
 
 IdleHost::Memory IdleHost::memory() const {
     const fs::path file = proc() / "smaps_rollup";
-    return {valueOf("Rss", file), valueOf("Private_Dirty", file)};
+    return {valueOf("Rss", file), valueOf("Anonymous", file)};
 }
 
 IdleHost::Threads IdleHost::threads() const {

@@ -11,9 +11,9 @@ public:
     IdleHost();
 
     struct Memory {
-        /// Bytes in memory, and those of them that are the process's alone because it wrote them.
+        /// Bytes in memory, and those of them that no file backs, such as the heap.
         double resident = 0;
-        double written = 0;
+        double anonymous = 0;
     };
     Memory memory() const;
 

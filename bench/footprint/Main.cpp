@@ -16,7 +16,7 @@ void idleHost(benchmark::State& state) {
             const IdleHost host;
             const IdleHost::Memory memory = host.memory();
             state.counters["resident"] = memory.resident;
-            state.counters["written"] = memory.written;
+            state.counters["anonymous"] = memory.anonymous;
             const IdleHost::Threads threads = host.threads();
             state.counters["threads"] = threads.all;
             state.counters["nameless"] = threads.nameless;
@@ -48,7 +48,7 @@ Figure idleHostFigure() {
     figure.variants = {{"ours", idleHost}};
     figure.rows = {
         {prefix + "resident", kKibibytes, "ours", "", kNoLimit, "resident"},
-        {prefix + "written memory", kKibibytes, "ours", "", kNoLimit, "written"},
+        {prefix + "backed by no file", kKibibytes, "ours", "", kNoLimit, "anonymous"},
         {prefix + "threads", kCount, "ours", "", kNoLimit, "threads"},
         {prefix + "threads without a name", kCount, "ours", "", kNoLimit, "nameless"},
         {prefix + "descriptors", kCount, "ours", "", kNoLimit, "descriptors"},
