@@ -1,8 +1,7 @@
-# cmake -DLIBRARY=file -DSONAME=name [-DSYMBOLS=file [-DONLY=regex]] -DNM=nm -DOBJDUMP=objdump
+# cmake -DLIBRARY=file -DSONAME=name [-DSYMBOLS=file] -DNM=nm -DOBJDUMP=objdump
 #   -P CheckExports.cmake
 # Fails unless LIBRARY calls itself SONAME and, if SYMBOLS is given, its dynamic symbol table defines
 # exactly the (decorated) names listed there, one on a line; lines that begin with # are remarks.
-# Names that ONLY does not match are passed over.
 
 execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE headers COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX MATCH "SONAME +([^ \n]+)" found "${headers}")
@@ -15,9 +14,6 @@ if(SYMBOLS)
     OUTPUT_VARIABLE table COMMAND_ERROR_IS_FATAL ANY)
   string(REGEX REPLACE " [^\n]*" "" table "${table}")
   string(REGEX MATCHALL "[^\n]+" actual "${table}")
-  if(ONLY)
-    list(FILTER actual INCLUDE REGEX "${ONLY}")
-  endif()
   file(STRINGS ${SYMBOLS} expected REGEX "^[^#]")
   set(extra ${actual})
   list(REMOVE_ITEM extra ${expected})
