@@ -39,7 +39,8 @@ void library(benchmark::State& state, const std::string& path) {
     }
 }
 
-// The limits are what was measured and a tenth: what is more has to be looked at.
+// The limits are what was measured, and an eighth where other versions of the libraries below may
+// change it: whatever is more has to be looked at.
 Figure idleHostFigure() {
     const std::string prefix = "idle host: ";
     Figure figure;
@@ -47,12 +48,12 @@ Figure idleHostFigure() {
     figure.warmUp = false;
     figure.variants = {{"ours", idleHost}};
     figure.rows = {
-        {prefix + "resident", kKibibytes, "ours", "", kNoLimit, "resident"},
-        {prefix + "backed by no file", kKibibytes, "ours", "", kNoLimit, "anonymous"},
-        {prefix + "threads", kCount, "ours", "", kNoLimit, "threads"},
-        {prefix + "threads without a name", kCount, "ours", "", kNoLimit, "nameless"},
-        {prefix + "descriptors", kCount, "ours", "", kNoLimit, "descriptors"},
-        {prefix + "shared libraries", kCount, "ours", "", kNoLimit, "libraries"},
+        {prefix + "resident", kKibibytes, "ours", "", valueAtMost(13400), "resident"},
+        {prefix + "backed by no file", kKibibytes, "ours", "", valueAtMost(1400), "anonymous"},
+        {prefix + "threads", kCount, "ours", "", valueAtMost(9), "threads"},
+        {prefix + "threads without a name", kCount, "ours", "", valueAtMost(6), "nameless"},
+        {prefix + "descriptors", kCount, "ours", "", valueAtMost(6), "descriptors"},
+        {prefix + "shared libraries", kCount, "ours", "", valueAtMost(24), "libraries"},
     };
     return figure;
 }
@@ -79,6 +80,6 @@ int main(int argc, char** argv) {
     // the host is to inherit none of what this program was started with
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     return run(argc, argv,
-               {idleHostFigure(), libraryFigure("libKetraPlugins.so", KETRA_PLUGINS, 160, 450),
-                libraryFigure("libKetraCommon.so", KETRA_COMMON, 500, 1300)});
+               {idleHostFigure(), libraryFigure("libKetraPlugins.so", KETRA_PLUGINS, 160, 440),
+                libraryFigure("libKetraCommon.so", KETRA_COMMON, 485, 1250)});
 }
