@@ -19,6 +19,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <pthread.h>
 #include <set>
 #include <thread>
 #include <utility>
@@ -172,6 +173,7 @@ struct __attribute__((visibility("hidden"))) MqttClient::Impl : MqttConnection::
     // the worker
 
     void keepConnected() {
+        pthread_setname_np(pthread_self(), "mqtt");
         ReconnectDelay delay(std::chrono::seconds(settings.minReconnectSeconds),
                              std::chrono::seconds(settings.maxReconnectSeconds));
         Clock::duration up{};

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <exception>
+#include <pthread.h>
 #include <utility>
 
 namespace ktr {
@@ -106,6 +107,7 @@ void MqttInbox::waitForHandler(const std::string& filter) {
 }
 
 void MqttInbox::run() {
+    pthread_setname_np(pthread_self(), "mqtt-inbox");
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         changed.wait(lock, [this] { return !open || !waiting.empty(); });

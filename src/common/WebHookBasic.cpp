@@ -20,6 +20,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <pthread.h>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -169,6 +170,7 @@ private:
     }
 
     void run() {
+        pthread_setname_np(pthread_self(), "web-hook");
         std::unique_lock<std::mutex> lock(mutex);
         while (const std::optional<std::string> url = nextUrl(lock))
             attempt(*url, lock);

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <filesystem>
 #include <locale>
+#include <pthread.h>
 #include <sstream>
 #include <utility>
 
@@ -194,6 +195,7 @@ MSProperty copyMSProperty(const MSProperty& record) {
 }
 
 void MSManager::processCheckThread() {
+    pthread_setname_np(pthread_self(), "supervision");
     running = true;
     ExitCodes failedRelaunches;
     do {
