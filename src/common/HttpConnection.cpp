@@ -2,6 +2,7 @@
 
 #include "HttpRequest.h"
 #include "HttpResponse.h"
+#include "HttpSession.h"
 #include "RequestParameters.h"
 #include "RouteTable.h"
 
@@ -10,7 +11,6 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
-#include <Poco/Net/HTTPServerSession.h>
 #include <Poco/Net/NetException.h>
 #include <Poco/Timestamp.h>
 
@@ -77,20 +77,6 @@ HttpFault faultOf(const Poco::Exception& error) {
 
 } // namespace
 
-class HttpConnection::Session : public Poco::Net::HTTPServerSession {
-public:
-    using HTTPServerSession::buffered;
-    using HTTPServerSession::HTTPServerSession;
-
-    /// Takes the line breaks with which clients of old end a body without counting them; false when
-    /// the client has nothing more to ask.
-    bool skipLineBreaks() {
-        while (peek() == '\r' || peek() == '\n')
-            get();
-        return peek() != std::char_traits<char>::eof();
-    }
-};
-
 HttpConnection::HttpConnection(const Poco::Net::StreamSocket& socket_, Server& server_)
     : TCPServerConnection(socket_), server(server_), limits(server.settings.limits),
       client(dynamic_cast<ClientSocket&>(*socket().impl())) {
@@ -99,7 +85,7 @@ HttpConnection::HttpConnection(const Poco::Net::StreamSocket& socket_, Server& s
 }
 
 void HttpConnection::run() {
-    Session session(socket(), params);
+    HttpSession session(socket(), params);
     try {
         if (!secure())
             return;
@@ -140,7 +126,7 @@ bool HttpConnection::secure() {
 }
 
 /// Whether the connection may take another request.
-bool HttpConnection::serveOne(Session& session) {
+bool HttpConnection::serveOne(HttpSession& session) {
     subject = "a request";
     try {
         if (!client.readHeader() || !session.skipLineBreaks())
@@ -161,12 +147,16 @@ bool HttpConnection::serveOne(Session& session) {
         if (!client.answer() || !answer(request, response, target))
             return false;
         session.setKeepAlive(response.getKeepAlive());
+        // the handler is through, so that all that is left of the answer is one piece
+        if (response.tellsItsEnd())
+            session.hold();
     } catch (const Poco::Exception& e) {
         // Poco's streams and its parser hide what the socket said
         refuse(session, faultOf(session.networkException() ? *session.networkException() : e));
         return false;
     }
-    // the last of the answer goes out when it is destroyed, so that only now is it known
+    // the last of the answer was written when it was destroyed
+    session.flush();
     if (session.networkException()) {
         if (client.isEnded())
             logMadeRoom();
@@ -185,7 +175,7 @@ void HttpConnection::authorize(const HttpRequest& request) const {
 }
 
 /// Answers a request that cannot be read to its end, so that the connection ends with it.
-void HttpConnection::refuse(Session& session, const HttpFault& fault) {
+void HttpConnection::refuse(HttpSession& session, const HttpFault& fault) {
     if (client.stopping())
         return;
     if (client.isEnded()) {

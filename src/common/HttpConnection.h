@@ -15,6 +15,7 @@ namespace ktr {
 
 class HttpRequest;
 class HttpResponse;
+class HttpSession;
 class RouteTable;
 struct Target;
 
@@ -38,14 +39,12 @@ public:
     void run() override;
 
 private:
-    class Session;
-
     bool secure();
-    bool serveOne(Session& session);
+    bool serveOne(HttpSession& session);
     void authorize(const HttpRequest& request) const;
     bool answer(HttpRequest& request, HttpResponse& response, const Target& target);
     bool handle(HttpRequest& request, HttpResponse& response, const Target& target);
-    void refuse(Session& session, const HttpFault& fault);
+    void refuse(HttpSession& session, const HttpFault& fault);
     void logRefusal(const HttpFault& fault);
     void logMadeRoom();
 

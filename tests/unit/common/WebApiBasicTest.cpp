@@ -20,6 +20,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
@@ -382,6 +383,38 @@ TEST_F(WebApiBasicTest, KeepsTheConnectionAfterAnswersWithoutLength) {
         EXPECT_THAT(client.answer(), StartsWith("HTTP/1.1 404"));
     }
     EXPECT_EQ(get("/large").body, large);
+}
+
+TEST_F(WebApiBasicTest, SendsTheHeaderWhileTheHandlerHasYetToSayMore) {
+    Gate gate;
+    api.apiRegist("/slow", [&](auto&, HTTPServerResponse& response, const auto&) {
+        std::ostream& body = response.send();
+        gate.pass();
+        body << "late";
+    });
+    serve();
+    RawClient client(address);
+    client.send("GET /slow HTTP/1.1\r\n\r\n");
+    EXPECT_TRUE(client.stream().poll(Poco::Timespan(5, 0), RawClient::readable));
+    gate.open();
+    EXPECT_THAT(client.answer(), AllOf(HasSubstr("chunked"), EndsWith("late")));
+}
+
+TEST_F(WebApiBasicTest, SendsAnAnswerWithoutABodyAtOnce) {
+    answer("/x", "12345");
+    api.apiRegist("/none", [](auto&, auto&, const auto&) {});
+    serve();
+    RawClient client(address);
+    const auto start = Clock::now();
+    std::array<char, 4096> header;
+    // kept back by the system, each would take 200 ms
+    for (int i = 0; i < 20; ++i) {
+        client.send("HEAD /x HTTP/1.1\r\n\r\n");
+        EXPECT_GT(client.stream().receiveBytes(header.data(), header.size()), 0);
+        client.send("GET /none HTTP/1.1\r\n\r\n");
+        EXPECT_THAT(client.answer(), EndsWith("\r\n\r\n"));
+    }
+    EXPECT_LT(Clock::now() - start, 2s);
 }
 
 TEST_F(WebApiBasicTest, AnswersOldClientsToTheEndOfTheConnection) {
