@@ -10,10 +10,16 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/MessageHeader.h>
 #include <Poco/Net/NameValueCollection.h>
+#include <Poco/Net/NetException.h>
 #include <Poco/NumberFormatter.h>
 #include <Poco/String.h>
+#include <Poco/URI.h>
+#include <Poco/UTF8String.h>
 
+#include <algorithm>
 #include <limits>
+#include <string_view>
+#include <utility>
 
 namespace ktr {
 namespace {
@@ -25,6 +31,8 @@ using Poco::Net::HTTPRequest;
 // the form's look-up is linear in the number of its fields, and so is the map's for names chosen to
 // share their hash
 constexpr int kMaxFields = 1000;
+// as in a form of Poco's
+constexpr std::size_t kMaxNameLength = 1024;
 
 /// Takes the plain members of the outermost object. Not Poco's own handler: there the last of two
 /// equal names counts.
@@ -71,17 +79,29 @@ void addJson(const std::string& body, Parameters& parameters) {
     parser.parse(body);
 }
 
-void addForm(const HTMLForm& form, Parameters& parameters) {
-    for (const auto& [name, value] : form)
-        parameters.emplace(name, value);
+std::string decoded(std::string text) {
+    std::replace(text.begin(), text.end(), '+', ' ');
+    std::string plain;
+    Poco::URI::decode(text, plain);
+    return plain;
 }
 
-void addUrlEncoded(const std::string& text, Parameters& parameters) {
-    HTMLForm form;
-    form.setFieldLimit(kMaxFields);
-    form.setValueLengthLimit(std::numeric_limits<int>::max());
-    form.read(text);
-    addForm(form, parameters);
+/// As Poco's form does, which reads it character by character from a stream.
+void addUrlEncoded(std::string_view text, Parameters& parameters) {
+    for (int fields = 0; !text.empty(); ++fields) {
+        if (fields == kMaxFields)
+            throw Poco::Net::HTMLFormException("Too many form fields");
+        const std::string_view field = text.substr(0, text.find('&'));
+        text.remove_prefix(std::min(field.size() + 1, text.size()));
+        std::string name(field.substr(0, field.find('=')));
+        if (name.size() > kMaxNameLength)
+            throw Poco::Net::HTMLFormException("Field name too long");
+        std::string value(field.substr(std::min(name.size() + 1, field.size())));
+        if (fields == 0)
+            Poco::UTF8::removeBOM(name);
+        name = decoded(std::move(name));
+        parameters.emplace(std::move(name), decoded(std::move(value)));
+    }
 }
 
 void addMultipart(const std::string& boundary, const std::string& body, Parameters& parameters) {
@@ -95,7 +115,8 @@ void addMultipart(const std::string& boundary, const std::string& body, Paramete
     form.setValueLengthLimit(std::numeric_limits<int>::max());
     Poco::MemoryInputStream stream(body.data(), static_cast<std::streamsize>(body.size()));
     form.load(request, stream);
-    addForm(form, parameters);
+    for (const auto& [name, value] : form)
+        parameters.emplace(name, value);
 }
 
 void addBody(const std::string& contentType, const std::string& body, Parameters& parameters) {
