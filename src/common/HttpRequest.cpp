@@ -37,9 +37,7 @@ bool isNumber(const std::string& text) {
 
 HttpRequest::HttpRequest(Poco::Net::HTTPServerResponseImpl& response,
                          Poco::Net::HTTPServerSession& session, Poco::Net::HTTPServerParams& params)
-    : HTTPServerRequestImpl(response, session, &params) {
-    reader.emplace(content.data(), 0);
-}
+    : HTTPServerRequestImpl(response, session, &params) {}
 
 void HttpRequest::check() const {
     if (getVersion().rfind("HTTP/", 0) != 0 || !isToken(getMethod()))
@@ -73,7 +71,6 @@ void HttpRequest::readBody(std::size_t limit) {
     } else if (hasContentLength()) {
         readAll(*HTTPServerRequestImpl::stream().rdbuf());
     }
-    reader.emplace(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 /// From the buffer, for a stream swallows what its buffer throws.

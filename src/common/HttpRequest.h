@@ -25,7 +25,12 @@ public:
     /// Reads the body, of `limit` bytes at most. Throws HttpFault.
     void readBody(std::size_t limit);
     const std::string& body() const { return content; }
-    std::istream& stream() override { return *reader; }
+    /// The body. Made when it is asked for: few handlers do.
+    std::istream& stream() override {
+        if (!reader)
+            reader.emplace(content.data(), static_cast<std::streamsize>(content.size()));
+        return *reader;
+    }
 
     /// Whether another request may follow on the connection.
     bool wantsKeepAlive() const;
