@@ -18,11 +18,30 @@ HttpFault malformedField() {
     return malformed("a header line is malformed");
 }
 
+/// Whether it may stand in any value and in any word of the request line, but for the blank.
+constexpr bool isPlain(char c) {
+    return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f && c != '\xff';
+}
+
 } // namespace
+
+/// Whether nothing can be wrong with it: a word of the request line, or a field's value, goes on.
+inline bool HeaderScan::isOfWordOrValue(char c) const {
+    return isPlain(c) && !afterReturn && (inRequestLine ? c != ' ' : named);
+}
+
+inline void HeaderScan::count(char c) {
+    last = c;
+    ++length;
+}
 
 std::size_t HeaderScan::find(std::string_view bytes) {
     for (std::size_t i = 0; i < bytes.size(); ++i) {
-        take(bytes[i]);
+        // most of a header is of that kind
+        if (isOfWordOrValue(bytes[i]))
+            count(bytes[i]);
+        else
+            take(bytes[i]);
         if (reached)
             return i + 1;
     }
@@ -41,8 +60,7 @@ void HeaderScan::take(char c) {
         afterReturn = true;
     } else {
         inRequestLine ? takeOfRequestLine(c) : takeOfField(c);
-        last = c;
-        ++length;
+        count(c);
     }
 }
 

@@ -19,6 +19,8 @@ public:
 private:
     enum class LineEnd { unknown, withReturn, without };
 
+    bool isOfWordOrValue(char c) const;
+    void count(char c);
     void take(char c);
     void takeOfRequestLine(char c);
     void takeOfField(char c);
