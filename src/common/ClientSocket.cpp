@@ -54,6 +54,12 @@ ClientSocket::~ClientSocket() {
     ClientSocket::close();
 }
 
+Poco::Net::SocketAddress ClientSocket::address() {
+    if (!here)
+        here = StreamSocketImpl::address();
+    return *here;
+}
+
 void ClientSocket::shutdownSend() {
     if (tls)
         tls->end();

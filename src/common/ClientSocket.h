@@ -32,8 +32,11 @@ public:
     ClientSocket(int descriptor, const Poco::Net::SocketAddress& peer,
                  std::shared_ptr<OpenConnections> connections, const WebApiBasic::Limits& limits);
 
-    /// Also when the client has gone, unlike peerAddress().
     const Poco::Net::SocketAddress& peer() const { return client; }
+    // Poco asks for both with each request; unlike the system's they are there when the client has
+    // gone
+    Poco::Net::SocketAddress peerAddress() override { return client; }
+    Poco::Net::SocketAddress address() override;
 
     /// Waits for the first byte and leaves it; `nothing` when none comes in the header's time.
     Opening awaitOpening();
@@ -81,6 +84,7 @@ private:
     int keepHeader(const char* data, int size);
 
     const Poco::Net::SocketAddress client;
+    std::optional<Poco::Net::SocketAddress> here;
     const std::shared_ptr<OpenConnections> connections;
     const WebApiBasic::Limits limits;
     /// None on a connection in plain text.
