@@ -192,7 +192,7 @@ class DefaultPool {
 public:
     /// The pool is about to be used. Whoever finds it grown sees to it that it shrinks again.
     ThreadPool& use() {
-        if (threads.allocated() > kDefaultMinThreads && !trimming.exchange(true))
+        if (!trimming && threads.allocated() > kDefaultMinThreads && !trimming.exchange(true))
             startTrimmer();
         return threads;
     }
