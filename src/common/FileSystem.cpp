@@ -1,5 +1,6 @@
 #include "ktr/common/FileSystem.h"
 
+#include "FolderNames.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
@@ -51,14 +52,14 @@ public:
         else
             logPassedOver(root, std::strerror(ENOTDIR));
         while (!pending.empty()) {
-            const std::string path = std::move(pending.back());
+            std::string path = std::move(pending.back());
             pending.pop_back();
-            visit(path);
+            visit(std::move(path));
         }
     }
 
 private:
-    void visit(const std::string& path) {
+    void visit(std::string path) {
         struct stat status {};
         if (stat(path.c_str(), &status) != 0) {
             // a link that leads nowhere or in a circle, or a file that just went
@@ -67,7 +68,7 @@ private:
         } else if (S_ISDIR(status.st_mode)) {
             enter(path, status);
         } else if (S_ISREG(status.st_mode) && isWanted(path, status)) {
-            out.push_back(path);
+            out.push_back(std::move(path));
         }
     }
 
@@ -87,12 +88,8 @@ private:
 
     static std::vector<std::string> namesIn(const std::string& folder) {
         std::vector<std::string> names;
-        std::error_code error;
-        std::filesystem::directory_iterator entry(folder, error);
-        for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
-            names.push_back(entry->path().filename().string());
-        if (error)
-            logPassedOver(folder, error.message());
+        if (const int error = appendNames(folder, names); error != 0)
+            logPassedOver(folder, std::strerror(error));
         return names;
     }
 
