@@ -1,5 +1,6 @@
 #include "ProcessInfo.h"
 
+#include "FolderNames.h"
 #include "ktr/common/Logger.h"
 
 #include <algorithm>
@@ -8,8 +9,8 @@
 #include <charconv>
 #include <climits>
 #include <cstddef>
+#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <sstream>
 #include <string_view>
 #include <sys/stat.h>
@@ -61,8 +62,8 @@ std::string readStart(const std::string& path, std::size_t most) {
     return text;
 }
 
-Arguments leadingArguments(pid_t pid) {
-    std::istringstream text(readStart(processFile(pid, "cmdline"), kArgumentsLength));
+Arguments leadingArguments(const std::string& commandLine) {
+    std::istringstream text(commandLine);
     Arguments arguments;
     std::string argument;
     while (arguments.size() < kLeadingArguments && std::getline(text, argument, '\0'))
@@ -79,11 +80,11 @@ struct Executable {
 };
 
 Executable executableOf(pid_t pid) {
-    std::string path(PATH_MAX, '\0');
-    const ssize_t length = readlink(processFile(pid, "exe").c_str(), path.data(), path.size());
+    std::array<char, PATH_MAX> target;
+    const ssize_t length = readlink(processFile(pid, "exe").c_str(), target.data(), target.size());
     if (length < 0)
         return {errno != ENOENT && errno != ESRCH, ""};
-    path.resize(static_cast<std::size_t>(length));
+    std::string path(target.data(), static_cast<std::size_t>(length));
     constexpr std::string_view kDeleted = " (deleted)";
     if (path.size() > kDeleted.size() &&
         path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0)
@@ -201,20 +202,19 @@ ProcessStatus processStatus(pid_t pid) {
 }
 
 std::vector<pid_t> allProcesses() {
+    std::vector<std::string> names;
+    const int error = appendNames("/proc", names);
+    if (error != 0 && cachedLogger().error())
+        cachedLogger().error(std::string("cannot list the processes in /proc: ") +
+                                 std::strerror(error) + "; see that /proc is mounted",
+                             __FILE__, __LINE__);
     std::vector<pid_t> found;
-    std::error_code error;
-    std::filesystem::directory_iterator entry("/proc", error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
+    for (const std::string& name : names) {
         pid_t pid = 0;
         const auto [end, failed] = std::from_chars(name.data(), name.data() + name.size(), pid);
         if (failed == std::errc() && end == name.data() + name.size())
             found.push_back(pid);
     }
-    if (error && cachedLogger().error())
-        cachedLogger().error("cannot list the processes in /proc: " + error.message() +
-                                 "; see that /proc is mounted",
-                             __FILE__, __LINE__);
     return found;
 }
 
@@ -222,10 +222,14 @@ bool runsProgram(pid_t pid, const std::string& name) {
     const Executable executable = executableOf(pid);
     if (!executable.exists)
         return false;
-    const Arguments arguments = leadingArguments(pid);
+    const std::string commandLine = readStart(processFile(pid, "cmdline"), kArgumentsLength);
+    // most processes are done with here, before their arguments are told apart
+    if (executable.name != name && commandLine.find(name) == std::string::npos)
+        return false;
+    const Arguments arguments = leadingArguments(commandLine);
     const bool named = std::any_of(arguments.begin(), arguments.end(),
                                    [&](const auto& text) { return fileName(text) == name; });
-    // most processes are done with here, before any file that they mention is opened
+    // and nearly all others here, before any file that they mention is opened
     if (executable.name != name && !named)
         return false;
 
