@@ -127,6 +127,7 @@ private:
     void launchAll();
     void launchOne(const std::string& path, const std::string& directory);
     void processCheckThread();
+    void scan(ExitCodes& failedRelaunches);
     void restartIfExited(ProcessProperty& process, ExitCodes& failedRelaunches) const;
     void updateProperty(const std::string& guid, const std::string& ip, unsigned short port);
 

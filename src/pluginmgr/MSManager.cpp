@@ -202,14 +202,18 @@ void MSManager::processCheckThread() {
         if (stopped)
             return;
         std::this_thread::sleep_for(std::chrono::seconds(1));
-        const std::lock_guard<std::mutex> lock(processMutex);
-        for (Poco::SharedPtr<ProcessProperty>& process : processes) {
-            if (!running || stopped)
-                break;
-            if (process)
-                restartIfExited(*process, failedRelaunches);
-        }
+        scan(failedRelaunches);
     } while (running);
+}
+
+void MSManager::scan(ExitCodes& failedRelaunches) {
+    const std::lock_guard<std::mutex> lock(processMutex);
+    for (Poco::SharedPtr<ProcessProperty>& process : processes) {
+        if (!running || stopped)
+            break;
+        if (process)
+            restartIfExited(*process, failedRelaunches);
+    }
 }
 
 void MSManager::restartIfExited(ProcessProperty& process, ExitCodes& failedRelaunches) const {
