@@ -62,6 +62,9 @@ public:
         return pid > 0;
     }
 
+    /// -1 once its end was noticed.
+    pid_t id() const { return pid; }
+
     void signal(int number) const {
         if (pid > 0)
             kill(pid, number);

@@ -1,0 +1,7 @@
+// A service that asks for nothing and does nothing.
+#include <unistd.h>
+
+int main() {
+    for (;;)
+        pause();
+}
