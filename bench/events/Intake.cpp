@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace ktr::bench {
 namespace {
@@ -20,14 +21,39 @@ constexpr std::size_t kThreads = 4;
 constexpr std::size_t kHolding = 0;
 constexpr std::size_t kRecipient = 1;
 
-/// A thread is free to take each event, which has been delivered before the next one is raised.
-class FreeThreads {
+/// Events come one right after the other, and threads are free to take them: as many as the queue
+/// would hold in any case, and then all are delivered before the next ones come.
+class Burst {
 public:
-    void beforeCall() {}
-    void raised() { counter.waitForAllBut(0, ++count, route); }
+    void beforeCall() {
+        if (count % kEvents == 0)
+            counter.waitForAllBut(0, count, route);
+    }
+    void raised() { ++count; }
+
+    KetraRoute route;
 
 private:
-    KetraRoute route;
+    static constexpr std::size_t kEvents = 20;
+
+    Counter& counter = Counter::begin();
+    std::size_t count = 0;
+};
+
+/// Events come seldom, so that each has to wake a thread.
+template <class Way>
+class Asleep {
+public:
+    void beforeCall() {
+        counter.waitForAllBut(0, count, route);
+        // nobody tells when a thread has gone to sleep
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    void raised() { ++count; }
+
+    Way route;
+
+private:
     Counter& counter = Counter::begin();
     std::size_t count = 0;
 };
@@ -51,6 +77,8 @@ public:
         ++queued;
         ++count;
     }
+
+    KetraRoute route;
 
 private:
     static constexpr std::size_t kQueued = 40;
@@ -87,7 +115,6 @@ private:
         queued = 0;
     }
 
-    KetraRoute route;
     Counter& counter = Counter::begin();
     std::size_t queued = 0;
     std::size_t count = 0;
@@ -117,16 +144,16 @@ Cost costOfParse(const std::string& event) {
     });
 }
 
-/// The floor raises the event as well, so that both are measured in the same situation.
+/// Where only the parse is measured the event is raised as well, so that all are measured in the
+/// same situation.
 template <class Situation>
 void takeIn(benchmark::State& state, const std::string& event, bool parseOnly) {
-    KetraRoute route;
     Situation situation;
     std::size_t allocations = 0;
     while (state.KeepRunning()) {
         situation.beforeCall();
         const Cost parse = parseOnly ? costOfParse(event) : Cost{};
-        const Cost call = costOf([&] { route.raise(event); });
+        const Cost call = costOf([&] { situation.route.raise(event); });
         situation.raised();
         const Cost& cost = parseOnly ? parse : call;
         state.SetIterationTime(cost.time.count());
@@ -137,20 +164,38 @@ void takeIn(benchmark::State& state, const std::string& event, bool parseOnly) {
 }
 
 template <class Situation>
-Figure intakeOf(const std::string& name, std::size_t size, int events) {
-    const std::string event = eventText(size, kRecipient);
+Variant variant(const std::string& name, const std::string& event, bool parseOnly = false) {
+    return {name, [event, parseOnly](benchmark::State& state) {
+                takeIn<Situation>(state, event, parseOnly);
+            }};
+}
+
+Figure figureOf(const std::string& name, int events, std::vector<Variant> variants) {
     Figure figure;
-    figure.variants = {
-        {"floor", [event](benchmark::State& state) { takeIn<Situation>(state, event, true); }},
-        {"ours", [event](benchmark::State& state) { takeIn<Situation>(state, event, false); }},
-    };
-    figure.rows = {
-        {name, kMicroseconds, "ours", "floor", ratioAtMost(1.25), ""},
-        {name + ", allocations", kCount, "ours", "floor", differenceAtMost(8), "allocations"}};
+    figure.variants = std::move(variants);
+    figure.rows = {{name, kMicroseconds, "ours", "floor", ratioAtMost(1.25), ""}};
     figure.rounds = 9;
     figure.iterations = events;
     figure.manualTime = true;
     return figure;
+}
+
+/// Beside the parse alone.
+template <class Situation>
+Figure intakeOf(const std::string& name, const std::string& event, int events) {
+    Figure figure =
+        figureOf(name, events,
+                 {variant<Situation>("floor", event, true), variant<Situation>("ours", event)});
+    figure.rows.push_back(
+        {name + ", allocations", kCount, "ours", "floor", differenceAtMost(8), "allocations"});
+    return figure;
+}
+
+/// Beside the barest hand-off: what it takes to wake a thread is not ours.
+Figure wakingIntakeOf(const std::string& name, const std::string& event, int events) {
+    return figureOf(
+        name, events,
+        {variant<Asleep<BatchRoute>>("floor", event), variant<Asleep<KetraRoute>>("ours", event)});
 }
 
 } // namespace
@@ -167,10 +212,10 @@ std::vector<Figure> intakeFigures() {
          {Size{"150 B", 150, 800}, Size{"1 KiB", kibibyte, 800}, Size{"16 KiB", 16 * kibibyte, 400},
           Size{"256 KiB", 256 * kibibyte, 80}}) {
         const std::string name = std::string("intake of ") + size.name;
-        figures.push_back(
-            intakeOf<FreeThreads>(name + ", a thread is free", size.bytes, size.events));
-        figures.push_back(
-            intakeOf<BusyThreads>(name + ", all threads busy", size.bytes, size.events));
+        const std::string event = eventText(size.bytes, kRecipient);
+        figures.push_back(intakeOf<BusyThreads>(name + ", threads busy", event, size.events));
+        figures.push_back(intakeOf<Burst>(name + ", in a burst", event, size.events));
+        figures.push_back(wakingIntakeOf(name + ", threads asleep", event, size.events));
     }
     return figures;
 }

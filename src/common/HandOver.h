@@ -42,13 +42,14 @@ public:
         State expected = State::Empty;
         if (!state.compare_exchange_strong(expected, State::Awaited))
             return false;
-        if (mayWait())
+        if (mayWait() && isWorthIt())
             await();
         expected = State::Awaited;
         if (state.compare_exchange_strong(expected, State::Empty))
             return false;
         while (state != State::Full)
             std::this_thread::yield();
+        inVain = 0;
         std::swap(work.name, place.name);
         work.task = std::move(place.task);
         state = State::Empty;
@@ -60,13 +61,17 @@ private:
     using Clock = std::chrono::steady_clock;
 
     // about what it costs to fall asleep and be woken
-    static constexpr std::chrono::microseconds kPatience{10};
+    static constexpr std::chrono::microseconds kPatience{20};
+    static constexpr unsigned kTrials = 8;
+
+    /// Where tasks come seldom most waits are in vain; now and then it is tried again.
+    bool isWorthIt() {
+        static const bool alone = std::thread::hardware_concurrency() < 2;
+        // alone on the processor it would keep from running who gives
+        return !alone && (inVain++ < kTrials || inVain % kTrials == 0);
+    }
 
     void await() const {
-        static const bool alone = std::thread::hardware_concurrency() < 2;
-        // who gives could not run meanwhile
-        if (alone)
-            return;
         const auto end = Clock::now() + kPatience;
         while (state == State::Awaited && Clock::now() < end)
             relax();
@@ -84,6 +89,8 @@ private:
     std::atomic<State> state{State::Empty};
     // of whoever has made the state Filling or found it Full
     Work place;
+    // waits since the last task, of who has made the state Awaited
+    unsigned inVain = 0;
 };
 
 } // namespace ktr
