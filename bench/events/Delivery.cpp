@@ -54,7 +54,7 @@ std::vector<Figure> deliveryFigures() {
     std::vector<Figure> figures;
     for (const std::size_t recipients : {std::size_t{1}, kPluginCount}) {
         figures.push_back(deliveryOf(150, "150 B", recipients));
-        figures.push_back(deliveryOf(1024, "1 KiB", recipients));
+        figures.push_back(deliveryOf(1000, "1 kB", recipients));
     }
     return figures;
 }

@@ -206,11 +206,11 @@ std::vector<Figure> intakeFigures() {
         std::size_t bytes;
         int events;
     };
-    constexpr std::size_t kibibyte = 1024;
+    constexpr std::size_t kilobyte = 1000;
     std::vector<Figure> figures;
     for (const Size& size :
-         {Size{"150 B", 150, 800}, Size{"1 KiB", kibibyte, 800}, Size{"16 KiB", 16 * kibibyte, 400},
-          Size{"256 KiB", 256 * kibibyte, 80}}) {
+         {Size{"150 B", 150, 800}, Size{"1 kB", kilobyte, 800}, Size{"16 kB", 16 * kilobyte, 400},
+          Size{"256 kB", 256 * kilobyte, 80}}) {
         const std::string name = std::string("intake of ") + size.name;
         const std::string event = eventText(size.bytes, kRecipient);
         figures.push_back(intakeOf<BusyThreads>(name + ", threads busy", event, size.events));

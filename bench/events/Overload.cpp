@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kSlow = 1;
 constexpr std::size_t kRapid = 2;
 constexpr std::size_t kProducers = 4;
-constexpr std::size_t kBytes = 1024;
+constexpr std::size_t kBytes = 1000;
 constexpr std::chrono::milliseconds kWork(1);
 constexpr std::chrono::milliseconds kRapidInterval(5);
 constexpr std::chrono::seconds kDuration(2);

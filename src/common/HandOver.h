@@ -65,25 +65,13 @@ private:
     static constexpr unsigned kTrials = 8;
 
     /// Where tasks come seldom most waits are in vain; now and then it is tried again.
-    bool isWorthIt() {
-        static const bool alone = std::thread::hardware_concurrency() < 2;
-        // alone on the processor it would keep from running who gives
-        return !alone && (inVain++ < kTrials || inVain % kTrials == 0);
-    }
+    bool isWorthIt() { return inVain++ < kTrials || inVain % kTrials == 0; }
 
     void await() const {
         const auto end = Clock::now() + kPatience;
+        // nobody who has something to do is kept from it
         while (state == State::Awaited && Clock::now() < end)
-            relax();
-    }
-
-    /// Leaves the processor's units to the other thread where two share a core.
-    static void relax() {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#elif defined(__aarch64__)
-        asm volatile("yield");
-#endif
+            std::this_thread::yield();
     }
 
     std::atomic<State> state{State::Empty};

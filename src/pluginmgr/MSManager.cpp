@@ -63,8 +63,14 @@ int pollExitCode(const ProcessProperty& process) {
 
 template <class Number>
 bool parseNumber(const std::string& text, Number& value) {
-    std::istringstream in(text);
-    in.imbue(std::locale::classic());
+    // kept, since to make a stream takes longer than the rest of a report's check
+    thread_local std::istringstream in = [] {
+        std::istringstream stream;
+        stream.imbue(std::locale::classic());
+        return stream;
+    }();
+    in.clear();
+    in.str(text);
     return static_cast<bool>(in >> value);
 }
 
