@@ -93,9 +93,9 @@ int runAll(int argc, char** argv) {
     limitDescriptorsAsHost();
     Device device;
     return run(argc, argv,
-               {launchesOf(device), stormOf(device, milliseconds(0), "0 ms", 10),
-                stormOf(device, milliseconds(50), "50 ms", 7),
-                stormOf(device, milliseconds(2000), "2 s", 3)});
+               {launchesOf(device), stormOf(device, milliseconds(0), "0 ms", 20),
+                stormOf(device, milliseconds(50), "50 ms", 20),
+                stormOf(device, milliseconds(2000), "2 s", 20)});
 }
 
 } // namespace
