@@ -19,7 +19,8 @@
 namespace ktr {
 
 /// How many accepted tasks have not ended yet. Counted without a lock: every task comes by twice.
-struct ThreadPool::Progress {
+/// Hidden, or it would be offered to others with the class around it.
+struct __attribute__((visibility("hidden"))) ThreadPool::Progress {
     explicit Progress(int threads_) : threads(threads_) {}
     ~Progress();
     Progress(const Progress&) = delete;
@@ -66,7 +67,6 @@ struct ThreadPool::Progress {
 };
 
 /// Runs an accepted task, and those that are handed to it right after; belongs to itself meanwhile.
-/// Hidden, or it would be offered to others with the class around it.
 class __attribute__((visibility("hidden"))) ThreadPool::Worker : public Poco::Runnable {
 public:
     static std::unique_ptr<Worker> make(const std::shared_ptr<Progress>& progress,
