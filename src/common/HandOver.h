@@ -35,16 +35,22 @@ public:
         return true;
     }
 
-    /// Called by a worker that has no task; returns false if another waits already, or nothing came
-    /// in time. Does not wait unless `mayWait()` agrees, which is asked when tasks come here first.
-    template <class Condition>
-    bool take(Work& work, Condition mayWait) {
+    /// Called by a worker that is about to have no task: from now on one comes here first. Returns
+    /// false if another worker waits already, and must be followed by take() if not.
+    bool offer() {
         State expected = State::Empty;
-        if (!state.compare_exchange_strong(expected, State::Awaited))
-            return false;
-        if (mayWait() && isWorthIt())
+        return state.compare_exchange_strong(expected, State::Awaited);
+    }
+
+    /// Whether tasks come soon enough to wait for one. Where they come seldom most waits are in
+    /// vain; now and then it is tried again. To be asked after offer().
+    bool isWorthIt() { return inVain++ < kTrials || inVain % kTrials == 0; }
+
+    /// Returns false if nothing came, for which it waits a moment only if it may.
+    bool take(Work& work, bool mayWait) {
+        if (mayWait)
             await();
-        expected = State::Awaited;
+        State expected = State::Awaited;
         if (state.compare_exchange_strong(expected, State::Empty))
             return false;
         while (state != State::Full)
@@ -63,9 +69,6 @@ private:
     // about what it costs to fall asleep and be woken
     static constexpr std::chrono::microseconds kPatience{20};
     static constexpr unsigned kTrials = 8;
-
-    /// Where tasks come seldom most waits are in vain; now and then it is tried again.
-    bool isWorthIt() { return inVain++ < kTrials || inVain % kTrials == 0; }
 
     void await() const {
         const auto end = Clock::now() + kPatience;

@@ -21,7 +21,7 @@ namespace ktr {
 /// How many accepted tasks have not ended yet. Counted without a lock: every task comes by twice.
 /// Hidden, or it would be offered to others with the class around it.
 struct __attribute__((visibility("hidden"))) ThreadPool::Progress {
-    explicit Progress(int threads_) : threads(threads_) {}
+    explicit Progress(const Poco::ThreadPool& pool_) : pool(pool_) {}
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -51,11 +51,13 @@ struct __attribute__((visibility("hidden"))) ThreadPool::Progress {
         --waiting;
     }
 
-    /// Poco counts a thread that looks for a task as busy. So that nobody is told that there is no
-    /// free thread while one looks for work, none does unless another is free.
-    bool hasOtherFreeThreads() const { return pending + 1 < threads; }
+    /// Whether a thread that is about to end its task may wait for another. Poco counts it as busy
+    /// meanwhile: so that nobody is told that there is no free thread while one looks for work,
+    /// another must be free, and stays so, since tasks come to who waits first. To be asked while
+    /// the task still counts, for without tasks the pool may go.
+    bool mayWait() { return !closed && handOver.isWorthIt() && pool.available() > 0; }
 
-    const int threads;
+    const Poco::ThreadPool& pool;
     std::atomic<int> pending{0};
     std::atomic<bool> closed{false};
     std::atomic<int> waiting{0};
@@ -83,17 +85,28 @@ public:
     void run() override {
         // the pool may end meanwhile, and a spare one must not keep what it belongs to
         const std::shared_ptr<Progress> kept = std::move(progress);
+        const Return whenDone{*this, *kept};
+        bool offered = false;
+        bool mayWait = false;
         do {
             const Turn turn(*kept);
             execute();
-        } while (kept->handOver.take(work, [&] { return kept->hasOtherFreeThreads(); }));
-        delete kept->spare.exchange(this);
+            offered = kept->handOver.offer();
+            mayWait = offered && kept->mayWait();
+        } while (offered && kept->handOver.take(work, mayWait));
     }
 
     /// The pool whose task runs on this thread, if any.
     static thread_local Progress* current;
 
 private:
+    /// Also when a failure cannot be logged.
+    struct Return {
+        Worker& worker;
+        Progress& progress;
+        ~Return() { delete progress.spare.exchange(&worker); }
+    };
+
     /// Ends also when a failure cannot be logged, or who waits for the task would wait for ever.
     struct Turn {
         explicit Turn(Progress& progress_)
@@ -141,7 +154,7 @@ thread_local ThreadPool::Progress* ThreadPool::Worker::current = nullptr;
 ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                        int stackSize)
     : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize),
-      progress(std::make_shared<Progress>(maxCapacity)) {}
+      progress(std::make_shared<Progress>(*this)) {}
 
 ThreadPool::~ThreadPool() {
     close();

@@ -8,10 +8,6 @@
 namespace ktr {
 namespace {
 
-bool agree() {
-    return true;
-}
-
 TEST(HandOver, LeavesATaskAloneForWhichNobodyWaits) {
     HandOver handOver;
     bool ran = false;
@@ -25,7 +21,8 @@ TEST(HandOver, LeavesATaskAloneForWhichNobodyWaits) {
 TEST(HandOver, GivesUpAfterAMoment) {
     HandOver handOver;
     HandOver::Work work;
-    EXPECT_FALSE(handOver.take(work, agree));
+    ASSERT_TRUE(handOver.offer());
+    EXPECT_FALSE(handOver.take(work, true));
     std::function<void()> task = [] {};
     EXPECT_FALSE(handOver.give(task, "late"));
 }
@@ -33,41 +30,57 @@ TEST(HandOver, GivesUpAfterAMoment) {
 TEST(HandOver, GivesTheTaskWithItsNameToWhoWaits) {
     HandOver handOver;
     HandOver::Work work;
-    bool given = false;
-    // given while the wait begins, which is the one moment that a test can be sure of
-    const bool taken = handOver.take(work, [&] {
-        std::function<void()> task = [] {};
-        given = handOver.give(task, "task");
-        return true;
-    });
-    EXPECT_TRUE(given);
-    EXPECT_TRUE(taken);
+    ASSERT_TRUE(handOver.offer());
+    std::function<void()> task = [] {};
+    EXPECT_TRUE(handOver.give(task, "task"));
+    EXPECT_TRUE(handOver.take(work, true));
     EXPECT_TRUE(work.task);
     EXPECT_EQ(work.name, "task");
 }
 
-TEST(HandOver, KeepsNoneThatWasGivenToWhoMayNotWait) {
+TEST(HandOver, KeepsNoTaskThatWasGivenToWhoMayNotWait) {
     HandOver handOver;
     HandOver::Work work;
-    const bool taken = handOver.take(work, [&] {
-        std::function<void()> task = [] {};
-        handOver.give(task, "task");
-        return false;
-    });
-    EXPECT_TRUE(taken);
+    ASSERT_TRUE(handOver.offer());
+    std::function<void()> task = [] {};
+    EXPECT_TRUE(handOver.give(task, "task"));
+    EXPECT_TRUE(handOver.take(work, false));
     EXPECT_TRUE(work.task);
 }
 
 TEST(HandOver, LetsOneWaitAtATime) {
     HandOver handOver;
     HandOver::Work work;
-    bool second = true;
-    EXPECT_FALSE(handOver.take(work, [&] {
-        HandOver::Work other;
-        second = handOver.take(other, agree);
-        return true;
-    }));
-    EXPECT_FALSE(second);
+    ASSERT_TRUE(handOver.offer());
+    EXPECT_FALSE(handOver.offer());
+    EXPECT_FALSE(handOver.take(work, false));
+    EXPECT_TRUE(handOver.offer());
+}
+
+TEST(HandOver, WaitsSeldomWhereNoTaskComes) {
+    HandOver handOver;
+    HandOver::Work work;
+    int worth = 0;
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(handOver.offer());
+        worth += handOver.isWorthIt() ? 1 : 0;
+        handOver.take(work, false);
+    }
+    EXPECT_GT(worth, 0);
+    EXPECT_LT(worth, 200);
+}
+
+TEST(HandOver, WaitsAgainOnceATaskHasCome) {
+    HandOver handOver;
+    HandOver::Work work;
+    ASSERT_TRUE(handOver.offer());
+    while (handOver.isWorthIt()) {
+    }
+    std::function<void()> task = [] {};
+    EXPECT_TRUE(handOver.give(task, "task"));
+    EXPECT_TRUE(handOver.take(work, false));
+    ASSERT_TRUE(handOver.offer());
+    EXPECT_TRUE(handOver.isWorthIt());
 }
 
 TEST(HandOver, GivesEachTaskOnceToOneOfSeveral) {
@@ -78,7 +91,7 @@ TEST(HandOver, GivesEachTaskOnceToOneOfSeveral) {
     const auto takeAll = [&] {
         HandOver::Work work;
         while (!ending)
-            if (handOver.take(work, agree))
+            if (handOver.offer() && handOver.take(work, true))
                 work.task();
     };
     std::thread first(takeAll);
