@@ -1,6 +1,5 @@
 #include "ktr/common/ThreadPool.h"
 
-#include "HandOver.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
@@ -10,7 +9,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -18,95 +16,45 @@
 
 namespace ktr {
 
-/// How many accepted tasks have not ended yet. Counted without a lock: every task comes by twice.
-/// Hidden, or it would be offered to others with the class around it.
-struct __attribute__((visibility("hidden"))) ThreadPool::Progress {
-    explicit Progress(const Poco::ThreadPool& pool_) : pool(pool_) {}
-    ~Progress();
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
+/// How many accepted tasks have not ended yet.
+struct ThreadPool::Progress {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int pending = 0;
+    bool closed = false;
 
     void enter() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (closed)
+            throw Poco::IllegalStateException("thread pool is closed");
         ++pending;
-        if (!closed)
-            return;
-        leave();
-        throw Poco::IllegalStateException("thread pool is closed");
     }
 
     void leave() {
-        --pending;
-        // whoever begins to wait after this look sees the new count
-        if (waiting == 0)
-            return;
         const std::lock_guard<std::mutex> lock(mutex);
+        --pending;
         changed.notify_all();
     }
-
-    /// Returns when no more than `most` tasks are left.
-    void wait(int most) {
-        std::unique_lock<std::mutex> lock(mutex);
-        ++waiting;
-        changed.wait(lock, [&] { return pending <= most; });
-        --waiting;
-    }
-
-    /// Whether a thread that is about to end its task may wait for another. Poco counts it as busy
-    /// meanwhile: so that nobody is told that there is no free thread while one looks for work,
-    /// another must be free, and stays so, since tasks come to who waits first. To be asked while
-    /// the task still counts, for without tasks the pool may go.
-    bool mayWait() { return !closed && handOver.isWorthIt() && pool.available() > 0; }
-
-    const Poco::ThreadPool& pool;
-    std::atomic<int> pending{0};
-    std::atomic<bool> closed{false};
-    std::atomic<int> waiting{0};
-    std::mutex mutex;
-    std::condition_variable changed;
-    HandOver handOver;
-    /// One that has nothing to do, for the next task.
-    std::atomic<Worker*> spare{nullptr};
 };
 
-/// Runs an accepted task, and those that are handed to it right after; belongs to itself meanwhile.
-class __attribute__((visibility("hidden"))) ThreadPool::Worker : public Poco::Runnable {
+/// One accepted task; deletes itself when it has run. Hidden, or it would be offered to others with
+/// the class around it.
+class __attribute__((visibility("hidden"))) ThreadPool::Task : public Poco::Runnable {
 public:
-    static std::unique_ptr<Worker> make(const std::shared_ptr<Progress>& progress,
-                                        std::function<void()> task, const std::string& name) {
-        std::unique_ptr<Worker> worker(progress->spare.exchange(nullptr));
-        if (!worker)
-            worker = std::make_unique<Worker>();
-        worker->work.name = name;
-        worker->work.task = std::move(task);
-        worker->progress = progress;
-        return worker;
-    }
+    Task(std::function<void()> work_, std::string name_, std::shared_ptr<Progress> progress_)
+        : work(std::move(work_)), name(std::move(name_)), progress(std::move(progress_)) {}
 
     void run() override {
-        // the pool may end meanwhile, and a spare one must not keep what it belongs to
+        const std::unique_ptr<Task> self(this);
         const std::shared_ptr<Progress> kept = std::move(progress);
-        const Return whenDone{*this, *kept};
-        bool offered = false;
-        bool mayWait = false;
-        do {
-            const Turn turn(*kept);
-            execute();
-            offered = kept->handOver.offer();
-            mayWait = offered && kept->mayWait();
-        } while (offered && kept->handOver.take(work, mayWait));
+        const Turn turn(*kept);
+        execute();
     }
 
     /// The pool whose task runs on this thread, if any.
     static thread_local Progress* current;
 
 private:
-    /// Also when a failure cannot be logged.
-    struct Return {
-        Worker& worker;
-        Progress& progress;
-        ~Return() { delete progress.spare.exchange(&worker); }
-    };
-
     /// Ends also when a failure cannot be logged, or who waits for the task would wait for ever.
     struct Turn {
         explicit Turn(Progress& progress_)
@@ -124,7 +72,7 @@ private:
 
     void execute() {
         try {
-            const std::function<void()> once = std::exchange(work.task, nullptr);
+            const std::function<void()> once = std::move(work);
             once();
         } catch (const Poco::Exception& e) {
             logFailure(e.displayText());
@@ -137,24 +85,21 @@ private:
 
     void logFailure(const std::string& reason) const {
         if (cachedLogger().error())
-            cachedLogger().error(Poco::format("task '%s' failed: %s", work.name, reason), __FILE__,
+            cachedLogger().error(Poco::format("task '%s' failed: %s", name, reason), __FILE__,
                                  __LINE__);
     }
 
-    HandOver::Work work;
+    std::function<void()> work;
+    std::string name;
     std::shared_ptr<Progress> progress;
 };
 
-ThreadPool::Progress::~Progress() {
-    delete spare;
-}
-
-thread_local ThreadPool::Progress* ThreadPool::Worker::current = nullptr;
+thread_local ThreadPool::Progress* ThreadPool::Task::current = nullptr;
 
 ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                        int stackSize)
     : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize),
-      progress(std::make_shared<Progress>(*this)) {}
+      progress(std::make_shared<Progress>()) {}
 
 ThreadPool::~ThreadPool() {
     close();
@@ -162,31 +107,38 @@ ThreadPool::~ThreadPool() {
 }
 
 void ThreadPool::start(std::function<void()> task) {
-    start(std::move(task), name());
+    submit(std::move(task), name());
 }
 
 void ThreadPool::start(std::function<void()> task, const std::string& name) {
+    submit(std::move(task), name);
+}
+
+void ThreadPool::submit(std::function<void()> task, const std::string& name) {
+    auto work = std::make_unique<Task>(std::move(task), name, progress);
     progress->enter();
     try {
-        if (progress->handOver.give(task, name))
-            return;
-        auto worker = Worker::make(progress, std::move(task), name);
-        Poco::ThreadPool::start(*worker);
-        // it owns itself from here on
-        static_cast<void>(worker.release());
+        Poco::ThreadPool::start(*work, name);
     } catch (...) {
         progress->leave();
         throw;
     }
+    // the task owns itself from here on
+    static_cast<void>(work.release());
 }
 
 // Poco's joinAll holds the lock that available() takes while it waits.
 void ThreadPool::joinAll() {
-    progress->wait(Worker::current == progress.get() ? 1 : 0);
+    const int own = Task::current == progress.get() ? 1 : 0;
+    std::unique_lock<std::mutex> lock(progress->mutex);
+    progress->changed.wait(lock, [&] { return progress->pending <= own; });
 }
 
 void ThreadPool::close() {
-    progress->closed = true;
+    {
+        const std::lock_guard<std::mutex> lock(progress->mutex);
+        progress->closed = true;
+    }
     joinAll();
 }
 

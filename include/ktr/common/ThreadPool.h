@@ -12,8 +12,6 @@ namespace ktr {
 
 /// A pool of threads for short tasks. capacity(), available(), used() and allocated() are
 /// Poco::ThreadPool's; tasks are handed over with the two start functions below, never with Poco's.
-/// A thread that has ended its task counts as busy until it sleeps. Under load that can be some
-/// microseconds later, as it looks for another task first, but only while others are free.
 ///
 /// Thread safety: all functions may be called from any thread, also from inside a task, but for the
 /// destructor and close().
@@ -41,7 +39,7 @@ public:
 
     /// Runs `task` once on a thread of the pool, and returns at once. An accepted task always runs,
     /// also when the pool or the process ends right after. What it throws, of any type, is logged
-    /// at error with the task's name (default: the pool's).
+    /// at error with the task's name. `name` (default: the pool's) names thread and log lines.
     /// Throws Poco::NoThreadAvailableException when every thread is busy, Poco::SystemException
     /// when no thread can be made, Poco::IllegalStateException after close(); the task is then
     /// dropped.
@@ -58,7 +56,8 @@ public:
 
 private:
     struct Progress;
-    class Worker;
+    class Task;
+    void submit(std::function<void()> task, const std::string& name);
 
     // shared with the tasks, so that one may outlive the pool that it ends
     const std::shared_ptr<Progress> progress;
