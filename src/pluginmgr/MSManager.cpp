@@ -61,14 +61,15 @@ int pollExitCode(const ProcessProperty& process) {
     }
 }
 
+/// Reads numbers alike wherever the host runs.
+struct ClassicStream : std::istringstream {
+    ClassicStream() { imbue(std::locale::classic()); }
+};
+
 template <class Number>
 bool parseNumber(const std::string& text, Number& value) {
-    // kept, since to make a stream takes longer than the rest of a report's check
-    thread_local std::istringstream in = [] {
-        std::istringstream stream;
-        stream.imbue(std::locale::classic());
-        return stream;
-    }();
+    // kept, since to make one takes longer than the rest of a report's check
+    thread_local ClassicStream in;
     in.clear();
     in.str(text);
     return static_cast<bool>(in >> value);
