@@ -25,6 +25,7 @@ public:
         static Storm* const storm = file == nullptr ? nullptr : mapStorm(file);
         if (storm == nullptr)
             throw std::runtime_error("there is no storm");
+        // what is measured: a start that takes its time
         std::this_thread::sleep_for(std::chrono::nanoseconds(storm->startNanoseconds));
         Notes& notes = storm->notes.at(static_cast<std::size_t>(port) - kFirstPort);
         notes.started = monotonicTime();

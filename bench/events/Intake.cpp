@@ -97,7 +97,8 @@ private:
             held = true;
         }
         const std::string event = eventText(150, kHolding);
-        // twice, since a thread may have been about to end its former work
+        // twice, and with pauses, since a thread may be about to end its former work, which nobody
+        // tells
         for (std::size_t i = 0; i < 2 * kThreads; ++i) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
             route.raise(event);

@@ -34,7 +34,7 @@ public:
     // never two at a time
     void take(std::size_t number, const std::string& event) override {
         if (number == kSlow)
-            std::this_thread::sleep_for(kWork);
+            std::this_thread::sleep_for(kWork); // the slow plugin's work, which costs no processor
         else
             ages.push_back(ageOf(event));
         ++calls;
@@ -66,6 +66,7 @@ void settle(const SlowAndRapid& sink) {
         // along with an event to nobody goes what waited for a free thread
         route.raise(R"({"to":[]})");
         route.raise(R"({"to":[],"api":"pushTelemetry"})");
+        // nobody tells of what was lost: it is over when nothing has come for so long
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 }
