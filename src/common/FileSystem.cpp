@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -80,17 +81,10 @@ private:
             logPassedOver(folder, std::strerror(errno));
             return;
         }
-        std::vector<std::string> names = namesIn(folder);
-        std::sort(names.begin(), names.end());
-        for (auto name = names.rbegin(); name != names.rend(); ++name)
-            pending.push_back(join(folder, *name));
-    }
-
-    static std::vector<std::string> namesIn(const std::string& folder) {
-        std::vector<std::string> names;
-        if (const int error = appendNames(folder, names); error != 0)
+        const auto first = static_cast<std::ptrdiff_t>(pending.size());
+        if (const int error = appendNames(folder, join(folder, ""), pending); error != 0)
             logPassedOver(folder, std::strerror(error));
-        return names;
+        std::sort(pending.begin() + first, pending.end(), std::greater<>());
     }
 
     bool isWanted(const std::string& path, const struct stat& status) {

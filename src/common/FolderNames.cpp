@@ -7,7 +7,8 @@
 
 namespace ktr {
 
-int appendNames(const std::string& folder, std::vector<std::string>& names) {
+int appendNames(const std::string& folder, const std::string& prefix,
+                std::vector<std::string>& names) {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), &closedir);
     if (!entries)
         return errno;
@@ -15,8 +16,11 @@ int appendNames(const std::string& folder, std::vector<std::string>& names) {
     errno = 0;
     while (const dirent* const entry = readdir(entries.get())) {
         const std::string_view name(entry->d_name);
-        if (name != "." && name != "..")
-            names.emplace_back(name);
+        if (name != "." && name != "..") {
+            std::string& added = names.emplace_back();
+            added.reserve(prefix.size() + name.size());
+            added.append(prefix).append(name);
+        }
         errno = 0;
     }
     return errno;

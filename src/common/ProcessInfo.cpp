@@ -203,7 +203,7 @@ ProcessStatus processStatus(pid_t pid) {
 
 std::vector<pid_t> allProcesses() {
     std::vector<std::string> names;
-    const int error = appendNames("/proc", names);
+    const int error = appendNames("/proc", "", names);
     if (error != 0 && cachedLogger().error())
         cachedLogger().error(std::string("cannot list the processes in /proc: ") +
                                  std::strerror(error) + "; see that /proc is mounted",

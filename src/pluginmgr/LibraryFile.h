@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <link.h>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace ktr {
@@ -29,8 +28,7 @@ public:
     LibraryFile& operator=(const LibraryFile&) = delete;
 
     std::uint64_t size() const {
-        struct stat status {};
-        return fstat(file, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+        return static_cast<std::uint64_t>(std::max<off_t>(lseek(file, 0, SEEK_END), 0));
     }
 
     /// Whether all of `part` is there.
