@@ -1,14 +1,17 @@
 #include "ktr/common/ThreadPool.h"
 
+#include "HandOver.h"
 #include "ktr/common/Logger.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/Runnable.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -16,45 +19,120 @@
 
 namespace ktr {
 
-/// How many accepted tasks have not ended yet.
-struct ThreadPool::Progress {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int pending = 0;
-    bool closed = false;
+namespace {
 
-    void enter() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (closed)
-            throw Poco::IllegalStateException("thread pool is closed");
-        ++pending;
+// A thread takes microseconds to fall asleep, but much longer if others keep it from the processor.
+constexpr std::chrono::microseconds kRetryDelay{50};
+constexpr int kTries = 20000;
+
+// As many threads are never all about to end their tasks.
+constexpr int kPlenty = 64;
+
+} // namespace
+
+/// How many accepted tasks have not ended yet. Counted without a lock: every task comes by twice.
+/// Hidden, or it would be offered to others with the class around it.
+struct __attribute__((visibility("hidden"))) ThreadPool::Progress {
+    explicit Progress(int maxCapacity) : hasPlenty(maxCapacity >= kPlenty) {}
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void enter(int capacity) {
+        int before = pending;
+        do {
+            if (closed)
+                throw Poco::IllegalStateException("thread pool is closed");
+            if (before >= capacity)
+                throw Poco::NoThreadAvailableException();
+        } while (!pending.compare_exchange_weak(before, before + 1));
+        // who closed the pool meanwhile may have seen no task left
+        if (!closed)
+            return;
+        leave();
+        throw Poco::IllegalStateException("thread pool is closed");
     }
 
     void leave() {
-        const std::lock_guard<std::mutex> lock(mutex);
         --pending;
+        // whoever begins to wait after this look sees the new count
+        if (waiting == 0)
+            return;
+        const std::lock_guard<std::mutex> lock(mutex);
         changed.notify_all();
     }
+
+    /// Returns when no more than `most` tasks are left.
+    void wait(int most) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++waiting;
+        changed.wait(lock, [&] { return pending <= most; });
+        --waiting;
+    }
+
+    /// Whether a thread that has ended its task may wait for another. Where one is pending still,
+    /// threads are kept from the processor, and one more that holds it would make that worse.
+    bool mayWait() { return (hasPlenty || pending == 0) && handOver.isWorthIt(); }
+
+    const bool hasPlenty;
+    std::atomic<int> pending{0};
+    std::atomic<bool> closed{false};
+    std::atomic<int> waiting{0};
+    std::mutex mutex;
+    std::condition_variable changed;
+    HandOver<> handOver{hasPlenty};
+    /// One that has nothing to do, for the next task.
+    std::atomic<Worker*> spare{nullptr};
 };
 
-/// One accepted task; deletes itself when it has run. Hidden, or it would be offered to others with
-/// the class around it.
-class __attribute__((visibility("hidden"))) ThreadPool::Task : public Poco::Runnable {
+/// Runs an accepted task, and those that are handed to it right after; belongs to itself meanwhile.
+class __attribute__((visibility("hidden"))) ThreadPool::Worker : public Poco::Runnable {
 public:
-    Task(std::function<void()> work_, std::string name_, std::shared_ptr<Progress> progress_)
-        : work(std::move(work_)), name(std::move(name_)), progress(std::move(progress_)) {}
+    /// Has a thread of `pool` run the task. Returns false, and leaves `task` alone, if none sleeps
+    /// and no more may be made.
+    static bool wake(Poco::ThreadPool& pool, const std::shared_ptr<Progress>& progress,
+                     std::function<void()>& task, const std::string& name) {
+        std::unique_ptr<Worker> worker(progress->spare.exchange(nullptr));
+        if (!worker)
+            worker = std::make_unique<Worker>();
+        worker->work.name = name;
+        worker->work.task.swap(task);
+        worker->progress = progress;
+        try {
+            pool.start(*worker);
+        } catch (const Poco::NoThreadAvailableException&) {
+            worker->work.task.swap(task);
+            return false;
+        }
+        // it owns itself from here on
+        static_cast<void>(worker.release());
+        return true;
+    }
 
     void run() override {
-        const std::unique_ptr<Task> self(this);
+        // the pool may end meanwhile, and a spare one must not keep what it belongs to
         const std::shared_ptr<Progress> kept = std::move(progress);
-        const Turn turn(*kept);
-        execute();
+        const Return whenDone{*this, *kept};
+        bool offered = false;
+        do {
+            const Turn turn(*kept);
+            execute();
+            // before the task counts as ended: whoever waited for that shall find this thread
+            offered = kept->handOver.offer();
+        } while (offered && kept->handOver.take(work, kept->mayWait()));
     }
 
     /// The pool whose task runs on this thread, if any.
     static thread_local Progress* current;
 
 private:
+    /// Also when a failure cannot be logged.
+    struct Return {
+        Worker& worker;
+        Progress& progress;
+        ~Return() { delete progress.spare.exchange(&worker); }
+    };
+
     /// Ends also when a failure cannot be logged, or who waits for the task would wait for ever.
     struct Turn {
         explicit Turn(Progress& progress_)
@@ -72,7 +150,7 @@ private:
 
     void execute() {
         try {
-            const std::function<void()> once = std::move(work);
+            const std::function<void()> once = std::exchange(work.task, nullptr);
             once();
         } catch (const Poco::Exception& e) {
             logFailure(e.displayText());
@@ -85,21 +163,24 @@ private:
 
     void logFailure(const std::string& reason) const {
         if (cachedLogger().error())
-            cachedLogger().error(Poco::format("task '%s' failed: %s", name, reason), __FILE__,
+            cachedLogger().error(Poco::format("task '%s' failed: %s", work.name, reason), __FILE__,
                                  __LINE__);
     }
 
-    std::function<void()> work;
-    std::string name;
+    HandOver<>::Work work;
     std::shared_ptr<Progress> progress;
 };
 
-thread_local ThreadPool::Progress* ThreadPool::Task::current = nullptr;
+ThreadPool::Progress::~Progress() {
+    delete spare;
+}
+
+thread_local ThreadPool::Progress* ThreadPool::Worker::current = nullptr;
 
 ThreadPool::ThreadPool(const std::string& name, int minCapacity, int maxCapacity, int idleTime,
                        int stackSize)
     : Poco::ThreadPool(name, minCapacity, maxCapacity, idleTime, stackSize),
-      progress(std::make_shared<Progress>()) {}
+      progress(std::make_shared<Progress>(maxCapacity)) {}
 
 ThreadPool::~ThreadPool() {
     close();
@@ -107,38 +188,36 @@ ThreadPool::~ThreadPool() {
 }
 
 void ThreadPool::start(std::function<void()> task) {
-    submit(std::move(task), name());
+    start(std::move(task), name());
 }
 
 void ThreadPool::start(std::function<void()> task, const std::string& name) {
-    submit(std::move(task), name);
-}
-
-void ThreadPool::submit(std::function<void()> task, const std::string& name) {
-    auto work = std::make_unique<Task>(std::move(task), name, progress);
-    progress->enter();
+    progress->enter(capacity());
     try {
-        Poco::ThreadPool::start(*work, name);
+        // By the count of tasks a thread is free, but it may be on its way to sleep yet.
+        int tries = kTries;
+        while (!progress->handOver.give(task, name) && !Worker::wake(*this, progress, task, name)) {
+            if (--tries == 0)
+                throw Poco::NoThreadAvailableException();
+            std::this_thread::sleep_for(kRetryDelay);
+        }
     } catch (...) {
         progress->leave();
         throw;
     }
-    // the task owns itself from here on
-    static_cast<void>(work.release());
+}
+
+int ThreadPool::available() const {
+    return std::max(capacity() - progress->pending, 0);
 }
 
 // Poco's joinAll holds the lock that available() takes while it waits.
 void ThreadPool::joinAll() {
-    const int own = Task::current == progress.get() ? 1 : 0;
-    std::unique_lock<std::mutex> lock(progress->mutex);
-    progress->changed.wait(lock, [&] { return progress->pending <= own; });
+    progress->wait(Worker::current == progress.get() ? 1 : 0);
 }
 
 void ThreadPool::close() {
-    {
-        const std::lock_guard<std::mutex> lock(progress->mutex);
-        progress->closed = true;
-    }
+    progress->closed = true;
     joinAll();
 }
 

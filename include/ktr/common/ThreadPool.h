@@ -10,8 +10,11 @@
 
 namespace ktr {
 
-/// A pool of threads for short tasks. capacity(), available(), used() and allocated() are
-/// Poco::ThreadPool's; tasks are handed over with the two start functions below, never with Poco's.
+/// A pool of threads for short tasks. capacity() and allocated() are Poco::ThreadPool's; tasks are
+/// handed over with the two start functions below, never with Poco's.
+///
+/// A thread that has ended its task looks for the next one for some microseconds before it sleeps.
+/// It is free meanwhile, but Poco's own used() and available() take it for busy.
 ///
 /// Thread safety: all functions may be called from any thread, also from inside a task, but for the
 /// destructor and close().
@@ -39,13 +42,19 @@ public:
 
     /// Runs `task` once on a thread of the pool, and returns at once. An accepted task always runs,
     /// also when the pool or the process ends right after. What it throws, of any type, is logged
-    /// at error with the task's name. `name` (default: the pool's) names thread and log lines.
+    /// at error with the task's name (default: the pool's). If the only free thread is still on its
+    /// way to sleep, this waits for it: microseconds, on a machine without a moment to spare up to
+    /// some seconds.
     /// Throws Poco::NoThreadAvailableException when every thread is busy, Poco::SystemException
     /// when no thread can be made, Poco::IllegalStateException after close(); the task is then
     /// dropped.
     void start(std::function<void()> task);
     /// As above, under a name of its own.
     void start(std::function<void()> task, const std::string& name);
+
+    /// How many more tasks would be taken now: capacity() less the tasks that have not ended yet,
+    /// never less than 0.
+    int available() const;
 
     /// Waits until every task accepted so far has ended. Holds no lock while it waits, so tasks may
     /// use the pool. Called from a task of this pool it does not wait for that task itself.
@@ -56,8 +65,7 @@ public:
 
 private:
     struct Progress;
-    class Task;
-    void submit(std::function<void()> task, const std::string& name);
+    class Worker;
 
     // shared with the tasks, so that one may outlive the pool that it ends
     const std::shared_ptr<Progress> progress;

@@ -3,14 +3,6 @@
 #include <stdexcept>
 #include <utility>
 
-// Takes the place of the one in Poco's library, which the linker would find only later. The fake
-// pools never busy a thread, so Poco's own answer would always be their capacity.
-int Poco::ThreadPool::available() const {
-    const ktr::test::fakes::Locked state;
-    const auto found = state->available.find(name());
-    return found == state->available.end() ? capacity() : found->second;
-}
-
 namespace ktr {
 
 using test::fakes::Locked;
@@ -63,6 +55,12 @@ void ThreadPool::start(std::function<void()> task) {
 
 void ThreadPool::start(std::function<void()> task, const std::string& taskName) {
     file({name(), taskName, std::move(task)});
+}
+
+int ThreadPool::available() const {
+    const Locked state;
+    const auto found = state->available.find(name());
+    return found == state->available.end() ? capacity() : found->second;
 }
 
 void ThreadPool::close() {}

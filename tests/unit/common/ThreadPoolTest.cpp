@@ -11,11 +11,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace ktr {
 namespace {
@@ -52,7 +57,71 @@ TEST(ThreadPool, TellsTheTruthAboutFreeThreads) {
     EXPECT_EQ(pool->available(), 0);
     EXPECT_THROW(pool->start([] {}), Poco::NoThreadAvailableException);
     release.set_value();
-    EXPECT_TRUE(waitUntil([&] { return pool->available() == 2; }));
+    pool->joinAll();
+    EXPECT_EQ(pool->available(), 2);
+}
+
+// By Poco's count its thread is busy until it sleeps.
+TEST(ThreadPool, TakesATaskAtOnceWhenTheOneBeforeHasEnded) {
+    const auto pool = makePool(1);
+    for (int i = 0; i < 2000; ++i) {
+        ASSERT_NO_THROW(pool->start([] {}));
+        pool->joinAll();
+        ASSERT_EQ(pool->available(), 1);
+    }
+}
+
+/// Keeps the processor busy, as what a caller does between two tasks.
+void work(std::chrono::microseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end)
+        continue;
+}
+
+TEST(ThreadPool, TakesATaskWheneverItHasAFreeThread) {
+    constexpr int tasks = 5000;
+    for (const int capacity : {1, 2, 4}) {
+        const auto pool = makePool(capacity);
+        std::atomic<int> ran{0};
+        for (int i = 0; i < tasks; ++i) {
+            while (pool->available() == 0)
+                std::this_thread::yield();
+            ASSERT_NO_THROW(pool->start([&] { ++ran; }));
+            // from well below to well above the time for which a thread looks for another task
+            work(std::chrono::microseconds(i % 30));
+        }
+        pool->joinAll();
+        EXPECT_EQ(ran, tasks);
+    }
+}
+
+bool takes(ThreadPool& pool, const std::function<void()>& task) {
+    try {
+        pool.start(task);
+        return true;
+    } catch (const Poco::NoThreadAvailableException&) {
+        return false;
+    }
+}
+
+TEST(ThreadPool, RunsWhatSeveralThreadsGiveItOnceEach) {
+    constexpr std::size_t givers = 4;
+    constexpr std::size_t tasks = 2000;
+    const auto pool = makePool(givers);
+    std::array<std::array<std::atomic<int>, tasks>, givers> runs{};
+    std::vector<std::thread> threads;
+    threads.reserve(givers);
+    for (auto& own : runs)
+        threads.emplace_back([&pool, &own] {
+            for (auto& run : own)
+                while (!takes(*pool, [&run] { ++run; }))
+                    std::this_thread::yield();
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    pool->joinAll();
+    for (const auto& own : runs)
+        EXPECT_TRUE(std::all_of(own.begin(), own.end(), [](const auto& run) { return run == 1; }));
 }
 
 TEST(ThreadPool, LogsWhatATaskThrowsWithItsName) {

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace ktr {
+
+/// Where a pool's worker that has just ended a task waits a moment for the next one. Under load a
+/// task then changes hands without a call of the system, where to wake a sleeping thread costs
+/// giver and taker more than most tasks take. At most one worker waits at a time.
+template <class Clock = std::chrono::steady_clock>
+class HandOver {
+public:
+    struct Work {
+        std::function<void()> task;
+        std::string name;
+    };
+
+    /// Who waits may give way to whoever has something to do; but the kernel holds that against the
+    /// thread when it has work again, and the worker is then long about to end its task.
+    explicit HandOver(bool yields_) : yields(yields_) {}
+
+    /// Returns false, and leaves `task` alone, if no worker waits.
+    bool give(std::function<void()>& task, const std::string& name) {
+        State expected = State::Awaited;
+        if (!state.compare_exchange_strong(expected, State::Filling))
+            return false;
+        try {
+            place.name = name;
+        } catch (...) {
+            state = State::Awaited;
+            throw;
+        }
+        place.task.swap(task);
+        state = State::Full;
+        return true;
+    }
+
+    /// Called by a worker that is about to have no task: from now on one comes here first. Returns
+    /// false if another worker waits already, and must be followed by take() if not.
+    bool offer() {
+        State expected = State::Empty;
+        return state.compare_exchange_strong(expected, State::Awaited);
+    }
+
+    /// Whether it pays to wait. Where tasks come seldom most waits are in vain, and where others
+    /// want the processor who waits is soon the last to get it; now and then it is tried again. To
+    /// be asked after offer().
+    bool isWorthIt() { return inVain++ < kTrials || inVain % kPause == 0; }
+
+    /// Returns false if nothing came, for which it waits a moment only if it may.
+    bool take(Work& work, bool mayWait) {
+        if (mayWait)
+            await();
+        State expected = State::Awaited;
+        if (state.compare_exchange_strong(expected, State::Empty))
+            return false;
+        while (state != State::Full)
+            std::this_thread::yield();
+        inVain = isCrowded ? kTrials : 0;
+        std::swap(work.name, place.name);
+        work.task = std::move(place.task);
+        state = State::Empty;
+        return true;
+    }
+
+private:
+    enum class State { Empty, Awaited, Filling, Full };
+
+    // about what it costs to fall asleep and be woken
+    static constexpr std::chrono::microseconds kPatience{20};
+    static constexpr unsigned kTrials = 8;
+    static constexpr unsigned kPause = 64;
+
+    void await() {
+        const auto end = Clock::now() + kPatience;
+        auto now = end;
+        do {
+            if (yields)
+                std::this_thread::yield();
+            now = Clock::now();
+        } while (state == State::Awaited && now < end);
+        isCrowded = !yields && now > end + kPatience;
+    }
+
+    const bool yields;
+
+    std::atomic<State> state{State::Empty};
+    // of whoever has made the state Filling or found it Full
+    Work place;
+
+    // both of who has made the state Awaited
+    unsigned inVain = 0;
+    // whether the thread that waited last lost the processor meanwhile
+    bool isCrowded = false;
+};
+
+} // namespace ktr
