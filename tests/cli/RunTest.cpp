@@ -500,6 +500,21 @@ TEST_F(Run, WaitsForAMessageThatIsWorkedOnButTellsIt) {
     EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();
 }
 
+TEST_F(Run, DeliversAnEventThatFoundEveryThreadBusy) {
+    root.addPlugin("puppet", "message=hold\n");
+    RunningPuppet puppet(root);
+    ASSERT_TRUE(puppet.waitStarted()) << puppet.tool.err();
+    constexpr int threads = 4;
+    for (int i = 0; i < threads; ++i)
+        puppet.client().raise(R"({"to":["puppet"]})");
+    puppet.tool.type("{\"line\":1}\n");
+    puppet.tool.endInput();
+    // so the line has been raised
+    ASSERT_TRUE(puppet.tool.waitErr("onMessage() of the plugin has not returned for 5 s"));
+    root.letGo("puppet", "message");
+    EXPECT_EQ(puppet.tool.waitForExit(), 0) << puppet.tool.err();
+}
+
 TEST_F(Run, EndsByASignalAlsoWhileAMessageIsWorkedOn) {
     root.addPlugin("puppet", "message=hold\n");
     RunningPuppet puppet(root, {"--shutdown-timeout=1"});

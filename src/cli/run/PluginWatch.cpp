@@ -97,13 +97,18 @@ void PluginWatch::expect(const std::string& text, int deliveries) {
     missing = deliveries;
 }
 
-bool PluginWatch::waitDelivered(std::chrono::seconds most) {
+bool PluginWatch::waitDelivered(std::chrono::seconds most, const std::function<void()>& raiseNext) {
     std::unique_lock<std::mutex> lock(mutex);
     std::chrono::nanoseconds idle{0};
     std::chrono::nanoseconds held{0};
     long holder = 0;
     for (WakingTime time; missing > 0 && !stopRequested();) {
-        changed.wait_for(lock, kTick);
+        // only to an idle plugin, or they would fill the queue that they are to empty
+        if (changed.wait_for(lock, kTick) == std::cv_status::timeout && running.empty()) {
+            lock.unlock();
+            raiseNext();
+            lock.lock();
+        }
         const auto passed = time.step();
         const long first = running.empty() ? 0 : running.front().number;
         // calls that come and go hold nothing up

@@ -54,8 +54,10 @@ public:
     /// From here on waits for `text` being delivered so often.
     void expect(const std::string& text, int deliveries);
     /// False if it was not delivered though the plugin did nothing else for `most`. A delivery that
-    /// does not return is waited for, but told of.
-    bool waitDelivered(std::chrono::seconds most);
+    /// does not return is waited for, but told of. An event that found every thread of its pool
+    /// busy stays in the queue until the next one comes: `raiseNext` is called now and then while
+    /// the plugin does nothing, without a lock.
+    bool waitDelivered(std::chrono::seconds most, const std::function<void()>& raiseNext);
 
     /// What was thrown first, as "start(): reason"; empty if nothing was.
     std::string firstThrown() const;
