@@ -43,7 +43,7 @@ Figure deliveryOf(std::size_t size, const std::string& sizeText, std::size_t rec
         {name + ", beside a bare loop", kPerSecond, "ours", "hand", ratioAtLeast(0.45), "events"},
         {name + ", beside a bare hand-off", kPerSecond, "ours", "batch", ratioAtLeast(0.95),
          "events"}};
-    figure.rounds = 11;
+    figure.rounds = 21;
     figure.iterations = 1;
     return figure;
 }

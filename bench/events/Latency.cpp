@@ -61,7 +61,7 @@ std::vector<Figure> latencyFigures() {
     figure.rows = {
         {"latency at 1000/s, p50", kMicroseconds, "ours", "batch", ratioAtMost(1.2), "p50"},
         {"latency at 1000/s, p99", kMicroseconds, "ours", "batch", kNoLimit, "p99"}};
-    figure.rounds = 9;
+    figure.rounds = 25;
     figure.iterations = 1;
     return {figure};
 }

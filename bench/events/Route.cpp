@@ -9,8 +9,8 @@
 
 namespace ktr::bench {
 
-void KetraRoute::raise(const std::string& event) {
-    board().plugins.front().load()->raise(event);
+void KetraRoute::raise(std::string event) {
+    board().plugins.front().load()->raise(std::move(event));
 }
 
 Recipients startedPlugins() {
@@ -25,7 +25,7 @@ Poco::JSON::Array::Ptr recipientsOf(const std::string& event) {
     return parser.parse(event).extract<Poco::JSON::Object::Ptr>()->getArray("to");
 }
 
-void HandRoute::raise(const std::string& event) {
+void HandRoute::raise(std::string event) {
     const Poco::JSON::Array::Ptr to = recipientsOf(event);
     for (const Poco::Dynamic::Var& guid : *to) {
         const auto found = plugins.find(guid.extract<std::string>());
@@ -50,8 +50,9 @@ private:
     const std::vector<Event> events;
 };
 
-void BatchRoute::raise(const std::string& event) {
-    Event taken{recipientsOf(event), event};
+void BatchRoute::raise(std::string event) {
+    Event taken{recipientsOf(event), {}};
+    taken.text = std::move(event);
     const std::lock_guard<std::mutex> lock(queueMutex);
     queue.push_back(std::move(taken));
     if (pool.available() > 0)

@@ -20,13 +20,14 @@ public:
     Route(const Route&) = delete;
     Route& operator=(const Route&) = delete;
 
-    virtual void raise(const std::string& event) = 0;
+    /// Takes a text of its own, as the event callback of plugins does.
+    virtual void raise(std::string event) = 0;
 };
 
 /// Through the library, raised by a plugin.
 class KetraRoute : public Route {
 public:
-    void raise(const std::string& event) override;
+    void raise(std::string event) override;
 };
 
 /// The started plugins by their guid.
@@ -39,7 +40,7 @@ Poco::JSON::Array::Ptr recipientsOf(const std::string& event);
 /// The barest way there is: all of it inside the call.
 class HandRoute : public Route {
 public:
-    void raise(const std::string& event) override;
+    void raise(std::string event) override;
 
 private:
     const Recipients plugins = startedPlugins();
@@ -50,7 +51,7 @@ private:
 class BatchRoute : public Route {
 public:
     ~BatchRoute() override { pool.joinAll(); }
-    void raise(const std::string& event) override;
+    void raise(std::string event) override;
 
 private:
     struct Event {

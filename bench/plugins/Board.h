@@ -25,7 +25,7 @@ inline std::string guidOf(std::size_t number) {
 class BenchPlugin : public PluginBase {
 public:
     /// Raises `event` with the callback that the host has installed.
-    virtual void raise(const std::string& event) = 0;
+    virtual void raise(std::string event) = 0;
 };
 
 /// What becomes of the events that reach the plugins.

@@ -3,6 +3,8 @@
 
 #include "ktr/PluginEntry.h"
 
+#include <utility>
+
 namespace {
 
 class Receiver final : public ktr::bench::BenchPlugin {
@@ -21,7 +23,7 @@ public:
             sink->take(BENCH_NUMBER, event);
     }
 
-    void raise(const std::string& event) override { eventCallback(event); }
+    void raise(std::string event) override { eventCallback(std::move(event)); }
 
 private:
     ktr::bench::Board& board = ktr::bench::board();

@@ -42,7 +42,7 @@ Figure rateOver(int connections, const std::string& name, const std::shared_ptr<
     };
     figure.rows = {
         {"reports over " + name, kPerSecond, "ours", "floor", ratioAtLeast(0.85), "rate"}};
-    figure.rounds = 9;
+    figure.rounds = 21;
     figure.iterations = 1;
     return figure;
 }
