@@ -256,12 +256,15 @@ TEST_F(SupervisionTest, OfTwoServicesOfOneFileNameBothRunInTheEnd) {
     std::filesystem::create_directory(secondNotes);
     std::ofstream(root.services() / "c" / (service + ".conf"))
         << "out=" << secondNotes.string() << "\n";
-    // the host ends this one before it launches the one between, which takes it a second: the first
-    // of the two bears its name by then
-    const ChildProcess leftover({root.services() / "b" / between}, "/dev/null");
-    ASSERT_GT(waitStart(between, 1).pid, 0);
+    root.addPlugin("puppet", "load=hold\n");
 
     HostProcess host(root);
+    ASSERT_TRUE(waitUntil([&] { return root.isHeld("puppet", "load"); })) << host.err();
+    // It comes too late to be ended with an earlier host's leftovers; the launch of the one between
+    // ends it, which takes a second: the first of the two bears its name by then.
+    const ChildProcess leftover({root.services() / "b" / between}, "/dev/null");
+    ASSERT_GT(waitStart(between, 1).pid, 0);
+    root.letGo("puppet", "load");
     ASSERT_TRUE(host.waitReady()) << host.err();
     ASSERT_TRUE(waitExits(host, service, 256 + SIGTERM)) << host.err();
     const auto isRelaunched = [&] {
