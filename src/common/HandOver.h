@@ -72,7 +72,7 @@ private:
     enum class State { Empty, Awaited, Filling, Full };
 
     // about what it costs to fall asleep and be woken
-    static constexpr std::chrono::microseconds kPatience{20};
+    static constexpr std::chrono::microseconds kPatience{50};
     static constexpr unsigned kTrials = 8;
     static constexpr unsigned kPause = 64;
 

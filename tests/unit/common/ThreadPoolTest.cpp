@@ -88,7 +88,7 @@ TEST(ThreadPool, TakesATaskWheneverItHasAFreeThread) {
                 std::this_thread::yield();
             ASSERT_NO_THROW(pool->start([&] { ++ran; }));
             // from well below to well above the time for which a thread looks for another task
-            work(std::chrono::microseconds(i % 30));
+            work(std::chrono::microseconds(i % 80));
         }
         pool->joinAll();
         EXPECT_EQ(ran, tasks);
