@@ -11,7 +11,8 @@ namespace ktr {
 
 /// Where a pool's worker that has just ended a task waits a moment for the next one. Under load a
 /// task then changes hands without a call of the system, where to wake a sleeping thread costs
-/// giver and taker more than most tasks take. At most one worker waits at a time.
+/// giver and taker more than most tasks take. At most one worker waits at a time; where threads are
+/// many and processors few, another often gets there first.
 template <class Clock = std::chrono::steady_clock>
 class HandOver {
 public:
@@ -56,25 +57,43 @@ public:
     bool take(Work& work, bool mayWait) {
         if (mayWait)
             await();
-        State expected = State::Awaited;
-        if (state.compare_exchange_strong(expected, State::Empty))
-            return false;
-        while (state != State::Full)
+        while (!receive(work)) {
+            State expected = State::Awaited;
+            if (state.compare_exchange_strong(expected, State::Empty))
+                return false;
             std::this_thread::yield();
+        }
         inVain = isCrowded ? kTrials : 0;
-        std::swap(work.name, place.name);
-        work.task = std::move(place.task);
         state = State::Empty;
         return true;
     }
 
+    /// Takes what was given to the worker that waits, if that has not come for it yet. For another
+    /// that has just ended a task: it has the processor, and the one that waits goes on waiting.
+    bool takeOver(Work& work) {
+        if (!receive(work))
+            return false;
+        state = State::Awaited;
+        return true;
+    }
+
 private:
-    enum class State { Empty, Awaited, Filling, Full };
+    enum class State { Empty, Awaited, Filling, Full, Emptying };
 
     // about what it costs to fall asleep and be woken
     static constexpr std::chrono::microseconds kPatience{50};
     static constexpr unsigned kTrials = 8;
     static constexpr unsigned kPause = 64;
+
+    /// Returns false if nothing is there. Whoever it returned true to sets the state anew.
+    bool receive(Work& work) {
+        State expected = State::Full;
+        if (!state.compare_exchange_strong(expected, State::Emptying))
+            return false;
+        std::swap(work.name, place.name);
+        work.task = std::move(place.task);
+        return true;
+    }
 
     void await() {
         const auto end = Clock::now() + kPatience;
@@ -90,7 +109,7 @@ private:
     const bool yields;
 
     std::atomic<State> state{State::Empty};
-    // of whoever has made the state Filling or found it Full
+    // of whoever has made the state Filling or Emptying
     Work place;
 
     // both of who has made the state Awaited

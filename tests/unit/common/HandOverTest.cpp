@@ -50,6 +50,37 @@ TEST(HandOver, KeepsNoTaskThatWasGivenToWhoMayNotWait) {
     EXPECT_TRUE(work.task);
 }
 
+TEST(HandOver, LeavesTheTaskToAnotherThatComesBeforeWhoWaits) {
+    HandOver<> handOver(true);
+    HandOver<>::Work work;
+    ASSERT_TRUE(handOver.offer());
+    int ran = 0;
+    std::function<void()> first = [&] { ran = 1; };
+    std::function<void()> second = [&] { ran = 2; };
+    ASSERT_TRUE(handOver.give(first, "first"));
+    ASSERT_TRUE(handOver.takeOver(work));
+    EXPECT_EQ(work.name, "first");
+    work.task();
+    EXPECT_EQ(ran, 1);
+    // the one that waits still does
+    EXPECT_FALSE(handOver.offer());
+    ASSERT_TRUE(handOver.give(second, "second"));
+    ASSERT_TRUE(handOver.take(work, true));
+    EXPECT_EQ(work.name, "second");
+    work.task();
+    EXPECT_EQ(ran, 2);
+}
+
+TEST(HandOver, TakesNothingOverWhereNothingWasGiven) {
+    HandOver<> handOver(true);
+    HandOver<>::Work work;
+    EXPECT_FALSE(handOver.takeOver(work));
+    ASSERT_TRUE(handOver.offer());
+    EXPECT_FALSE(handOver.takeOver(work));
+    EXPECT_FALSE(work.task);
+    EXPECT_FALSE(handOver.take(work, false));
+}
+
 TEST(HandOver, LetsOneWaitAtATime) {
     HandOver<> handOver(true);
     HandOver<>::Work work;
@@ -128,7 +159,7 @@ TEST(HandOver, GivesEachTaskOnceToOneOfSeveral) {
     const auto takeAll = [&] {
         HandOver<>::Work work;
         while (!ending)
-            if (handOver.offer() && handOver.take(work, true))
+            if (handOver.offer() ? handOver.take(work, true) : handOver.takeOver(work))
                 work.task();
     };
     std::thread first(takeAll);

@@ -17,7 +17,9 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -122,6 +124,26 @@ TEST(ThreadPool, RunsWhatSeveralThreadsGiveItOnceEach) {
     pool->joinAll();
     for (const auto& own : runs)
         EXPECT_TRUE(std::all_of(own.begin(), own.end(), [](const auto& run) { return run == 1; }));
+}
+
+TEST(ThreadPool, GivesEachThreadOfASmallPoolItsTasksInOrder) {
+    constexpr int tasks = 50000;
+    const auto pool = makePool(4);
+    std::mutex mutex;
+    std::map<std::thread::id, int> last;
+    bool inOrder = true;
+    for (int n = 1; n <= tasks; ++n) {
+        const auto note = [&, n] {
+            const std::lock_guard<std::mutex> lock(mutex);
+            int& before = last[std::this_thread::get_id()];
+            inOrder = inOrder && before < n;
+            before = n;
+        };
+        while (!takes(*pool, note))
+            std::this_thread::yield();
+    }
+    pool->joinAll();
+    EXPECT_TRUE(inOrder);
 }
 
 TEST(ThreadPool, LogsWhatATaskThrowsWithItsName) {
