@@ -86,5 +86,5 @@ Figure loading(int count, int rounds) {
 
 int main(int argc, char** argv) {
     return ktr::bench::run(argc, argv,
-                           {ktr::bench::loading(100, 101), ktr::bench::loading(1000, 31)});
+                           {ktr::bench::loading(100, 301), ktr::bench::loading(1000, 61)});
 }

@@ -6,6 +6,7 @@
 
 #include <Poco/Version.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -58,6 +59,15 @@ constexpr bool isType(T type) {
     else
         return type >= std::numeric_limits<std::int32_t>::min() &&
                type <= std::numeric_limits<std::int32_t>::max();
+}
+
+/// The characters of `text`, which are `Size`, and the null behind them.
+template <std::size_t Size>
+constexpr std::array<char, Size + 1> charactersOf(std::string_view text) {
+    std::array<char, Size + 1> characters{};
+    for (std::size_t i = 0; i < Size; ++i)
+        characters[i] = text[i];
+    return characters;
 }
 
 /// Makes the plugin's object; what KETRA_PLUGIN registers.
@@ -116,6 +126,16 @@ std::shared_ptr<PluginBase> make() {
 #define KETRA_ENTRY_COMPILER "GCC " __VERSION__
 #endif
 
+/// `text` in a page that the dynamic linker has written to, and that is read-only since: to read it
+/// among the constants would bring one more page in while the host loads the plugin.
+#define KETRA_ENTRY_KEPT(text)                                                                     \
+    ([]() -> const char* {                                                                         \
+        static constexpr auto characters =                                                         \
+            ktr::entry::charactersOf<std::string_view(text).size()>(text);                         \
+        [[gnu::section(".data.rel.ro.ketra")]] static auto kept = characters;                      \
+        return kept.data();                                                                        \
+    }())
+
 /// Makes the library a plugin. Once in a library, at file scope or in a namespace, with a semicolon
 /// behind it:
 ///   Class  derives from ktr::PluginBase and is made by its constructor without arguments, for
@@ -134,19 +154,23 @@ std::shared_ptr<PluginBase> make() {
                   "KETRA_PLUGIN: the guid is no UUID in lower case, such as "                      \
                   "\"0c2f6b9e-5d0a-4c55-9f6b-3f1f0d3c7a11\"");                                     \
     KETRA_ENTRY_NOTE();                                                                            \
+    /* not PluginGuid, by which a call would go to the first of all plugins that are open */       \
+    static const char* ketraPluginGuid() {                                                         \
+        return KETRA_ENTRY_KEPT(guid);                                                             \
+    }                                                                                              \
     extern "C" {                                                                                   \
     KTR_API void PluginLoad() {                                                                    \
-        ktr::registerPlugin(&ktr::entry::make<Class>, guid);                                       \
+        ktr::registerPlugin(&ktr::entry::make<Class>, ketraPluginGuid());                          \
     }                                                                                              \
     KTR_API void PluginUnLoad() {}                                                                 \
     KTR_API std::int32_t PluginType() {                                                            \
         return static_cast<std::int32_t>(type);                                                    \
     }                                                                                              \
     KTR_API const char* PluginName() {                                                             \
-        return name;                                                                               \
+        return KETRA_ENTRY_KEPT(name);                                                             \
     }                                                                                              \
     KTR_API const char* PluginGuid() {                                                             \
-        return guid;                                                                               \
+        return ketraPluginGuid();                                                                  \
     }                                                                                              \
     }                                                                                              \
     static_assert(true, "takes the semicolon")
