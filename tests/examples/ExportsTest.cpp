@@ -52,5 +52,14 @@ TEST_P(ExportsTest, nameGuidAndFactory) {
     EXPECT_NE(factory(), factory());
 }
 
+TEST_P(ExportsTest, registersItsOwnGuidBesideAnother) {
+    // Opened before, so that a call of an entry point by its name would go there.
+    const bool isHeartbeat = GetParam().guid == kHeartbeatGuid;
+    const PluginUnderTest other(isHeartbeat ? "KetraPluginRecorder" : "KetraPluginHeartbeat");
+    PluginUnderTest plugin(GetParam().library);
+    plugin.load();
+    EXPECT_EQ(GetParam().guid, plugin.registeredGuid());
+}
+
 } // namespace
 } // namespace ktr::example::test
