@@ -176,7 +176,7 @@ Figure figureOf(const std::string& name, int events, std::vector<Variant> varian
     Figure figure;
     figure.variants = std::move(variants);
     figure.rows = {{name, kMicroseconds, "ours", "floor", ratioAtMost(1.25), ""}};
-    figure.rounds = 15;
+    figure.rounds = 61;
     figure.iterations = events;
     figure.manualTime = true;
     return figure;
@@ -211,8 +211,8 @@ std::vector<Figure> intakeFigures() {
     constexpr std::size_t kilobyte = 1000;
     std::vector<Figure> figures;
     for (const Size& size :
-         {Size{"150 B", 150, 800}, Size{"1 kB", kilobyte, 800}, Size{"16 kB", 16 * kilobyte, 400},
-          Size{"256 kB", 256 * kilobyte, 80}}) {
+         {Size{"150 B", 150, 200}, Size{"1 kB", kilobyte, 200}, Size{"16 kB", 16 * kilobyte, 100},
+          Size{"256 kB", 256 * kilobyte, 20}}) {
         const std::string name = std::string("intake of ") + size.name;
         const std::string event = eventText(size.bytes, kRecipient);
         figures.push_back(intakeOf<BusyThreads>(name + ", threads busy", event, size.events));
