@@ -69,7 +69,8 @@ public:
     }
 
     /// Takes what was given to the worker that waits, if that has not come for it yet. For another
-    /// that has just ended a task: it has the processor, and the one that waits goes on waiting.
+    /// that has just ended a task: it has the processor, and the one that waits goes on waiting,
+    /// unless it looks at this very moment and leaves.
     bool takeOver(Work& work) {
         if (!receive(work))
             return false;
