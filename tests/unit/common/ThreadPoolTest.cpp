@@ -181,8 +181,10 @@ TEST(ThreadPool, WaitsNotForATaskWhoseFailureCannotBeLogged) {
     pool->start([] { throw std::runtime_error("failed"); });
     const auto joined = std::make_shared<std::promise<void>>();
     // if it hangs, so would the pool's end: both are left alone then
-    std::thread([pool, joined] {
-        pool->joinAll();
+    std::thread([kept = pool, joined]() mutable {
+        kept->joinAll();
+        // so that the pool's threads end before the process does
+        kept.reset();
         joined->set_value();
     }).detach();
     EXPECT_EQ(joined->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
