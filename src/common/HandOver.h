@@ -21,9 +21,10 @@ public:
         std::string name;
     };
 
-    /// Who waits may give way to whoever has something to do; but the kernel holds that against the
-    /// thread when it has work again, and the worker is then long about to end its task.
-    explicit HandOver(bool yields_) : yields(yields_) {}
+    /// Where workers are many, whoever waits gives way to those that have something to do. Where
+    /// they are few it does not, for the kernel holds that against a thread when it has work again,
+    /// and the worker is then long about to end its task.
+    explicit HandOver(bool hasMany_) : hasMany(hasMany_) {}
 
     /// Returns false, and leaves `task` alone, if no worker waits.
     bool give(std::function<void()>& task, const std::string& name) {
@@ -70,9 +71,10 @@ public:
 
     /// Takes what was given to the worker that waits, if that has not come for it yet. For another
     /// that has just ended a task: it has the processor, and the one that waits goes on waiting,
-    /// unless it looks at this very moment and leaves.
+    /// unless it looks at this very moment and leaves. Not where workers are few: each gets its
+    /// tasks in the order in which they came, and this one may be older than the one just ended.
     bool takeOver(Work& work) {
-        if (!receive(work))
+        if (!hasMany || !receive(work))
             return false;
         state = State::Awaited;
         return true;
@@ -100,14 +102,14 @@ private:
         const auto end = Clock::now() + kPatience;
         auto now = end;
         do {
-            if (yields)
+            if (hasMany)
                 std::this_thread::yield();
             now = Clock::now();
         } while (state == State::Awaited && now < end);
-        isCrowded = !yields && now > end + kPatience;
+        isCrowded = !hasMany && now > end + kPatience;
     }
 
-    const bool yields;
+    const bool hasMany;
 
     std::atomic<State> state{State::Empty};
     // of whoever has made the state Filling or Emptying

@@ -74,11 +74,6 @@ struct __attribute__((visibility("hidden"))) ThreadPool::Progress {
     /// threads are kept from the processor, and one more that holds it would make that worse.
     bool mayWait() { return (hasPlenty || pending == 0) && handOver.isWorthIt(); }
 
-    /// Whether there was a task for a thread that may not wait. Where threads are few each gets its
-    /// tasks in the order in which they came: one that another was given may be older than its
-    /// last.
-    bool takeOver(HandOver<>::Work& work) { return hasPlenty && handOver.takeOver(work); }
-
     const bool hasPlenty;
     std::atomic<int> pending{0};
     std::atomic<bool> closed{false};
@@ -124,7 +119,8 @@ public:
             execute();
             // before the task counts as ended: whoever waited for that shall find this thread
             offered = kept->handOver.offer();
-        } while (offered ? kept->handOver.take(work, kept->mayWait()) : kept->takeOver(work));
+        } while (offered ? kept->handOver.take(work, kept->mayWait())
+                         : kept->handOver.takeOver(work));
     }
 
     /// The pool whose task runs on this thread, if any.

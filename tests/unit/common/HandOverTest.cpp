@@ -71,6 +71,19 @@ TEST(HandOver, LeavesTheTaskToAnotherThatComesBeforeWhoWaits) {
     EXPECT_EQ(ran, 2);
 }
 
+// It may be older than what the other has just done.
+TEST(HandOver, LeavesTheTaskToWhoWaitsWhereWorkersAreFew) {
+    HandOver<> handOver(false);
+    HandOver<>::Work work;
+    ASSERT_TRUE(handOver.offer());
+    std::function<void()> task = [] {};
+    ASSERT_TRUE(handOver.give(task, "task"));
+    EXPECT_FALSE(handOver.takeOver(work));
+    EXPECT_FALSE(work.task);
+    EXPECT_TRUE(handOver.take(work, true));
+    EXPECT_EQ(work.name, "task");
+}
+
 TEST(HandOver, TakesNothingOverWhereNothingWasGiven) {
     HandOver<> handOver(true);
     HandOver<>::Work work;
