@@ -163,12 +163,14 @@ public:
                 tellTaken();
                 if (!order.every)
                     return ExitSuccess;
+                // the period that was asked for; a signal ends the process meanwhile
                 std::this_thread::sleep_for(*order.every);
             } else {
                 const milliseconds pause = backOff.next();
                 if (!wasTaken)
                     judgeFirst(answer, Clock::now() + pause);
                 tellFailing(answer);
+                // so as not to press a host that is not up yet
                 std::this_thread::sleep_for(pause);
             }
         }

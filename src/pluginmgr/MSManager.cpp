@@ -208,6 +208,7 @@ void MSManager::processCheckThread() {
     do {
         if (stopped)
             return;
+        // the period of supervision, before the first scan too; stop lets it run out
         std::this_thread::sleep_for(std::chrono::seconds(1));
         scan(failedRelaunches);
     } while (running);
